@@ -1,0 +1,94 @@
+/*
+ * nodetrace: node-wide trace sets in shared memory.
+ *
+ * Every process of the node links libnodetrace and records short,
+ * time-stamped entries into named trace sets that live in the shared-memory
+ * object "/shmem_Trace", readable by every other process. The persistent
+ * error trace set "System" (id 255) and the remote unit's set "NVJ_System"
+ * (id 254) live in the SRAM file "/var/log/sram".
+ *
+ * There is no initialisation call: the first trace call of a process opens
+ * the node-wide lock "traceMutex" and maps the shared memory, creating and
+ * initialising it when this process is the first of the node.
+ *
+ * Usable from C11 and C++.
+ */
+#ifndef NODETRACE_NODETRACE_H
+#define NODETRACE_NODETRACE_H
+
+#include <stdint.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include "nodetrace/export.h"
+#include "nodetrace/trace_layout.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Layout helpers (no start-up, no side effects) ---------------------- */
+
+/** x rounded up to a multiple of 4 (not 32, despite the name). */
+NODETRACE_API uint32_t align32(uint32_t x);
+
+/** Slot size of a trace set whose maximum contents length is len: the
+ *  contents rounded up to 4 plus the 80-byte entry header. Only the low
+ *  16 bits of len count: getTraceEntrySize(128) == 208. */
+NODETRACE_API uint32_t getTraceEntrySize(int32_t len);
+
+/* gettid: the calling thread's kernel thread id. glibc 2.30 and later declare
+ * it in <unistd.h> for _GNU_SOURCE builds; libnodetrace exports its own with
+ * the same signature for C libraries that do not. */
+#if !(defined(__GLIBC__) && defined(__USE_GNU) && \
+      (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 30)))
+/** The calling thread's kernel thread id (the gettid system call). */
+NODETRACE_API pid_t gettid(void);
+#endif
+
+/* ---- The node-wide lock -------------------------------------------------- */
+
+/** Emergency exit for a process that holds the node-wide lock "traceMutex":
+ *  clears the recorded holder, releases the lock and ends the process with
+ *  exit status 0 (exit handlers run). It does not check that the caller holds
+ *  the lock. A process that never started tracing only exits. */
+NODETRACE_API void giveUpTraceSemaphoreAndExit(void) __attribute__((noreturn));
+
+/* ---- Trace set registry -------------------------------------------------- */
+
+/** The id of the trace set called name (compared over 20 characters): 255
+ *  for "System", 254 for "NVJ_System", the lowest user set id carrying the
+ *  name, or -1 when no set has that name (also for a null name). */
+NODETRACE_API int getTraceSetId(const char *name);
+
+/** The descriptor of trace set id, or null for an unknown id.
+ *  For a user set (0..199) it points into the shared memory and stays valid
+ *  for the life of the process. For 255 and 254 it points to a per-process
+ *  snapshot of the descriptor in the SRAM file, overwritten by the next such
+ *  request of any thread; changing it changes nothing in the file. A SRAM file
+ *  that cannot be read gives null and a message on standard error. */
+NODETRACE_API TraceSetStruct *getTraceSetStruct(uint16_t id);
+
+/** The name of trace set id ("System", "NVJ_System", or the descriptor's name
+ *  field of a user set), or null for an unknown id. */
+NODETRACE_API const char *getTraceSetName(uint16_t id);
+
+/** 1 if id names an existing trace set (255, 254, or a user set id below the
+ *  number of sets defined), else 0. Ids 0x8000..0xFFFF are never valid. */
+NODETRACE_API int isValidTraceSetId(uint16_t id);
+
+/** Number of user trace sets defined on the node (0..200). */
+NODETRACE_API int getCurrentNumberTraceSets(void);
+
+/** Number of entries ever written into any trace set of the node; it is also
+ *  the sequence number that the next entry receives. */
+NODETRACE_API uint32_t getTotalNumberTraceEntries(void);
+
+/** Always 1: the remote unit's set "NVJ_System" (id 254) always exists. */
+NODETRACE_API int needsRemoteTraceSupport(void);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* NODETRACE_NODETRACE_H */

@@ -1,0 +1,191 @@
+#include "tests/support/node_test.h"
+
+#include <fcntl.h>
+#include <semaphore.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "tests/support/recording_platform.h"
+#include "trace/node_names.h"
+#include "trace/trace_system.h"
+
+#ifndef NODETRACE_TEST_TOOLS_DIR
+#error "NODETRACE_TEST_TOOLS_DIR must name the directory of the shell tool stand-ins"
+#endif
+
+namespace nt::test {
+
+void NodeTest::SetUp() {
+  pthread_sigmask(SIG_SETMASK, nullptr, &savedMask_);
+  const char* tmp = std::getenv("TMPDIR");
+  std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/nodetrace-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern.data()), nullptr) << std::strerror(errno);
+  root_ = pattern;
+  for (const char* dir : {"/var/log", "/ffs/run/logs", "/tmp", "/opt/qmb/etc"}) {
+    std::filesystem::create_directories(root_ + dir);
+  }
+  const std::string suffix = "_" + std::filesystem::path(root_).filename().string();
+  ASSERT_TRUE(relocateNodeNames(root_.c_str(), suffix.c_str()));
+  shmName_ = nodeNames().shm;
+  semaphoreName_ = nodeNames().semaphore;
+
+  // The shell tools the library runs are found through PATH; the stand-ins
+  // record their calls in the test root.
+  const char* currentPath = std::getenv("PATH");
+  const std::string tools = NODETRACE_TEST_TOOLS_DIR;
+  if (currentPath == nullptr || std::string_view(currentPath).rfind(tools, 0) != 0) {
+    setenv("PATH", (tools + ":" + (currentPath != nullptr ? currentPath : "/usr/bin:/bin")).c_str(), 1);
+  }
+  setenv("NODETRACE_TEST_TOOL_LOG", (root_ + "/tools.log").c_str(), 1);
+  resetPlatformDouble();
+}
+
+void NodeTest::TearDown() {
+  resetProcessStateForTests();
+  shm_unlink(shmName_.c_str());
+  sem_unlink(semaphoreName_.c_str());
+  std::error_code ignored;
+  std::filesystem::remove_all(root_, ignored);
+  restoreNodeNames();
+  pthread_sigmask(SIG_SETMASK, &savedMask_, nullptr);
+}
+
+std::string NodeTest::toolLog() const {
+  return fileExists(root_ + "/tools.log") ? readFileText(root_ + "/tools.log") : std::string();
+}
+
+Bytes readSharedObject(const std::string& name) {
+  const int fd = shm_open(name.c_str(), O_RDONLY, 0);
+  if (fd == -1) return {};
+  struct stat status {};
+  fstat(fd, &status);
+  Bytes bytes(static_cast<std::size_t>(status.st_size));
+  if (!bytes.empty()) {
+    void* map = mmap(nullptr, bytes.size(), PROT_READ, MAP_SHARED, fd, 0);
+    if (map != MAP_FAILED) {
+      std::memcpy(bytes.data(), map, bytes.size());
+      munmap(map, bytes.size());
+    }
+  }
+  close(fd);
+  return bytes;
+}
+
+long long sharedObjectSize(const std::string& name) {
+  const int fd = shm_open(name.c_str(), O_RDONLY, 0);
+  if (fd == -1) return -1;
+  struct stat status {};
+  fstat(fd, &status);
+  close(fd);
+  return static_cast<long long>(status.st_size);
+}
+
+Bytes readFileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string readFileText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+void writeFileText(const std::string& path, std::string_view text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+std::uint16_t u16At(const Bytes& bytes, std::size_t offset) {
+  return static_cast<std::uint16_t>(bytes.at(offset) | bytes.at(offset + 1) << 8);
+}
+
+std::uint32_t u32At(const Bytes& bytes, std::size_t offset) {
+  return static_cast<std::uint32_t>(bytes.at(offset)) |
+         static_cast<std::uint32_t>(bytes.at(offset + 1)) << 8 |
+         static_cast<std::uint32_t>(bytes.at(offset + 2)) << 16 |
+         static_cast<std::uint32_t>(bytes.at(offset + 3)) << 24;
+}
+
+StderrCapture::StderrCapture() {
+  std::fflush(stderr);
+  char name[] = "/tmp/nodetrace-stderr-XXXXXX";
+  fileFd_ = mkstemp(name);
+  unlink(name);
+  savedFd_ = dup(STDERR_FILENO);
+  dup2(fileFd_, STDERR_FILENO);
+}
+
+StderrCapture::~StderrCapture() { take(); }
+
+std::string StderrCapture::take() {
+  if (savedFd_ == -1) return {};
+  std::fflush(stderr);
+  dup2(savedFd_, STDERR_FILENO);
+  close(savedFd_);
+  savedFd_ = -1;
+  std::string text;
+  lseek(fileFd_, 0, SEEK_SET);
+  char buffer[4096];
+  ssize_t n = 0;
+  while ((n = read(fileFd_, buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<std::size_t>(n));
+  close(fileFd_);
+  fileFd_ = -1;
+  return text;
+}
+
+int runInChild(const std::function<int()>& body) {
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    int code = 99;
+    try {
+      code = body();
+    } catch (...) {
+    }
+    std::fflush(nullptr);
+    _exit(code);
+  }
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+StartGate::StartGate() {
+  if (pipe(fds_) != 0) fds_[0] = fds_[1] = -1;
+}
+
+StartGate::~StartGate() {
+  for (int fd : fds_) {
+    if (fd >= 0) close(fd);
+  }
+}
+
+void StartGate::wait() {
+  close(fds_[1]);
+  fds_[1] = -1;
+  char byte = 0;
+  // Returns at end of file, when the parent closes its end.
+  while (read(fds_[0], &byte, 1) > 0) {
+  }
+}
+
+void StartGate::open() {
+  close(fds_[1]);
+  fds_[1] = -1;
+}
+
+}  // namespace nt::test

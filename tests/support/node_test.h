@@ -1,0 +1,88 @@
+// A private node for each test: file paths under a fresh temporary root, IPC
+// names with a private suffix, a recording platform, and helpers to look at
+// the shared memory and the files exactly as other processes would.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "nodetrace/nodetrace.h"
+
+namespace nt::test {
+
+using Bytes = std::vector<std::uint8_t>;
+
+class NodeTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // A node path ("/var/log/sram") inside this test's root.
+  std::string path(std::string_view nodePath) const { return root_ + std::string(nodePath); }
+  const std::string& shmName() const { return shmName_; }
+  const std::string& semaphoreName() const { return semaphoreName_; }
+  // What the shell tool stand-ins were asked to do, one line per call.
+  std::string toolLog() const;
+
+  std::string root_;
+  std::string shmName_;
+  std::string semaphoreName_;
+
+ private:
+  sigset_t savedMask_{};
+};
+
+// The whole shared-memory object called name, read through its own mapping
+// (empty when it does not exist).
+Bytes readSharedObject(const std::string& name);
+// Size of the shared-memory object, -1 when it does not exist.
+long long sharedObjectSize(const std::string& name);
+Bytes readFileBytes(const std::string& path);
+std::string readFileText(const std::string& path);
+void writeFileText(const std::string& path, std::string_view text);
+bool fileExists(const std::string& path);
+
+// Little-endian field readers for byte images.
+std::uint16_t u16At(const Bytes& bytes, std::size_t offset);
+std::uint32_t u32At(const Bytes& bytes, std::size_t offset);
+
+// Redirects file descriptor 2 (also of child processes) into a file until
+// take() or destruction.
+class StderrCapture {
+ public:
+  StderrCapture();
+  ~StderrCapture();
+  StderrCapture(const StderrCapture&) = delete;
+  StderrCapture& operator=(const StderrCapture&) = delete;
+  std::string take();
+
+ private:
+  int savedFd_ = -1;
+  int fileFd_ = -1;
+};
+
+// Runs body in a forked child and returns its exit status, or 128 + the
+// signal that ended it. The child never returns into the test.
+int runInChild(const std::function<int()>& body);
+
+// Children that wait at a gate until the parent opens it, so that they start
+// their work at the same instant.
+class StartGate {
+ public:
+  StartGate();
+  ~StartGate();
+  StartGate(const StartGate&) = delete;
+  StartGate& operator=(const StartGate&) = delete;
+  void wait();  // in a child
+  void open();  // in the parent
+ private:
+  int fds_[2] = {-1, -1};
+};
+
+}  // namespace nt::test

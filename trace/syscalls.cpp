@@ -1,0 +1,92 @@
+#include "trace/syscalls.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+
+namespace nt::sys {
+namespace {
+
+constexpr auto kCalls = static_cast<std::size_t>(Call::kCount);
+
+struct Plan {
+  std::array<std::atomic<int>, kCalls> countdown{};
+  std::array<std::atomic<int>, kCalls> error{};
+};
+Plan g_plan;
+
+// True when this call is the one planned to fail; errno is then set.
+bool plannedFailure(Call call) noexcept {
+  auto& countdown = g_plan.countdown[static_cast<std::size_t>(call)];
+  if (countdown.load(std::memory_order_relaxed) <= 0) return false;
+  if (countdown.fetch_sub(1, std::memory_order_relaxed) != 1) return false;
+  errno = g_plan.error[static_cast<std::size_t>(call)].load(std::memory_order_relaxed);
+  return true;
+}
+
+}  // namespace
+
+void failCall(Call call, int nth, int error) noexcept {
+  g_plan.error[static_cast<std::size_t>(call)].store(error, std::memory_order_relaxed);
+  g_plan.countdown[static_cast<std::size_t>(call)].store(nth, std::memory_order_relaxed);
+}
+
+void clearFailures() noexcept {
+  for (auto& countdown : g_plan.countdown) countdown.store(0, std::memory_order_relaxed);
+}
+
+int open(const char* path, int flags, mode_t mode) noexcept {
+  if (plannedFailure(Call::kOpen)) return -1;
+  return ::open(path, flags, mode);
+}
+
+ssize_t read(int fd, void* buffer, std::size_t count) noexcept {
+  if (plannedFailure(Call::kRead)) return -1;
+  return ::read(fd, buffer, count);
+}
+
+ssize_t write(int fd, const void* buffer, std::size_t count) noexcept {
+  if (plannedFailure(Call::kWrite)) return -1;
+  return ::write(fd, buffer, count);
+}
+
+off_t lseek(int fd, off_t offset, int whence) noexcept {
+  if (plannedFailure(Call::kLseek)) return -1;
+  return ::lseek(fd, offset, whence);
+}
+
+int ftruncate(int fd, off_t length) noexcept {
+  if (plannedFailure(Call::kFtruncate)) return -1;
+  return ::ftruncate(fd, length);
+}
+
+void* mmap(std::size_t length, int fd) noexcept {
+  if (plannedFailure(Call::kMmap)) return MAP_FAILED;
+  return ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+}
+
+int shmOpen(const char* name, int flags, mode_t mode) noexcept {
+  if (plannedFailure(Call::kShmOpen)) return -1;
+  return ::shm_open(name, flags, mode);
+}
+
+sem_t* semOpen(const char* name, int flags, mode_t mode, unsigned value) noexcept {
+  if (plannedFailure(Call::kSemOpen)) return SEM_FAILED;
+  return ::sem_open(name, flags, mode, value);
+}
+
+int chmod(const char* path, mode_t mode) noexcept {
+  if (plannedFailure(Call::kChmod)) return -1;
+  return ::chmod(path, mode);
+}
+
+int stat(const char* path, struct stat* status) noexcept {
+  if (plannedFailure(Call::kStat)) return -1;
+  return ::stat(path, status);
+}
+
+}  // namespace nt::sys
