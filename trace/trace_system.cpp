@@ -56,7 +56,7 @@ void readSeverityMaskFile(TraceMemoryHeader* h) noexcept {
   ScopedFile file(std::fopen(nodeNames().severityMaskConf, "re"));
   if (!file) return;
   unsigned value = 0;
-  if (std::fscanf(file.get(), "0x%2X", &value) == 1) storeShared(&h->severityMask, value & 0xFFu);
+  if (std::fscanf(file.get(), "0x%02X", &value) == 1) storeShared(&h->severityMask, value & 0xFFu);
 }
 
 void blockAllSignals(sigset_t* previous) noexcept {
