@@ -38,6 +38,10 @@ if(NODETRACE_BUILD_HOST_PLATFORM)
 else()
   set(NODETRACE_PC_PLATFORM_LIBS "")
 endif()
+# The pkg-config file finds its prefix from where it lies, so that an
+# installed tree can be moved (into a node image, say).
+file(RELATIVE_PATH NODETRACE_PC_TO_PREFIX
+     /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/nodetrace.pc.in
                ${PROJECT_BINARY_DIR}/nodetrace.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/nodetrace.pc
