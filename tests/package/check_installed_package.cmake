@@ -21,7 +21,10 @@ run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 set(configure_args -S ${CONSUMER_DIR} -B ${WORK_DIR}/build -G ${GENERATOR}
     -DCMAKE_PREFIX_PATH=${prefix})
 if(TOOLCHAIN)
-  list(APPEND configure_args -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN})
+  # A cross build finds packages and libraries below its root paths only; the
+  # install tree is one of them.
+  list(APPEND configure_args -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN}
+       -DCMAKE_FIND_ROOT_PATH=${prefix})
 endif()
 file(GLOB_RECURSE pc_files ${prefix}/*/nodetrace.pc)
 list(GET pc_files 0 pc_file)
