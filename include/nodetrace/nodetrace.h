@@ -87,6 +87,49 @@ NODETRACE_API uint32_t getTotalNumberTraceEntries(void);
 /** Always 1: the remote unit's set "NVJ_System" (id 254) always exists. */
 NODETRACE_API int needsRemoteTraceSupport(void);
 
+/* ---- Trace set creation --------------------------------------------------- */
+
+/** Creates the trace set name, or attaches to the existing set of that name.
+ *  type is TS_STRING or TS_DUMP; maxEntries the ring capacity;
+ *  maxContentsLength the longest entry (kept at most 128 for text sets, 1600
+ *  for dump sets; the region is sized with the value asked for). A new set's
+ *  category mask is the line for name in "/ffs/run/logs/trace_masks.conf" if
+ *  there is one, else categoryMask; attaching ORs categoryMask into the mask
+ *  unless the file has a line for name. Names are stored with 19 characters.
+ *  *id receives the set's id, or -1 when none was found or created.
+ *  Returns 0, or TRACE_RC_TABLE_FULL (-2), TRACE_RC_BAD_ARGUMENT (-3: "System",
+ *  "NVJ_System", a name starting with a digit, or a null argument; recorded
+ *  in the error trace set), TRACE_RC_NO_ROOM (-4), TRACE_RC_TYPE_MISMATCH (-7),
+ *  TRACE_RC_SET_TOO_SMALL (-9: the existing set is smaller than asked; the
+ *  mask is widened all the same) or TRACE_RC_NO_DESCRIPTOR (-10). Takes no
+ *  lock. */
+NODETRACE_API int initTraceSet(const char *name, uint32_t type, uint16_t maxEntries,
+                               uint16_t maxContentsLength, uint32_t categoryMask, int16_t *id);
+
+/* ---- Severity filter and category masks ---------------------------------- */
+
+/** The node-wide severity filter: entries of severities whose bit is set are
+ *  kept (initially 0xE8: ERR, WAR, INF, NOT). */
+NODETRACE_API uint8_t getSeverityFilter(void);
+
+/** 1 while the trace system of the node is enabled, 0 while disabled. */
+NODETRACE_API uint8_t isTraceEnabled(void);
+
+/** Sets (set == 1) or clears (any other set) the bits of mask in the
+ *  severity filter of the whole node, and writes the new filter to
+ *  "/ffs/run/logs/severityMask.conf" ("0x%02X\n") when it changed. Returns 0,
+ *  or TRACE_RC_BAD_ARGUMENT when mask has none of the severity bits 0xF8. */
+NODETRACE_API int modifySeverityMask(uint8_t mask, int set);
+
+/** Replaces the category mask of user set id until the node restarts.
+ *  Returns 0, TRACE_RC_UNKNOWN_SET for 255, 254 or an unknown id, or
+ *  TRACE_RC_NO_DESCRIPTOR. */
+NODETRACE_API int setCategoryMask(int16_t id, uint32_t mask);
+
+/** The category mask of set id: all bits (-1) for 255 and 254, 0 for an
+ *  unknown id. */
+NODETRACE_API int getCategoryMask(int16_t id);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

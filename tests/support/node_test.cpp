@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -106,6 +107,32 @@ void writeFileText(const std::string& path, std::string_view text) {
 }
 
 bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+TraceSetStruct readSramDescriptor(const std::string& sramPath, int region) {
+  const Bytes file = readFileBytes(sramPath);
+  const std::size_t offset = region == 0 ? TRACE_SRAM_SYSTEM_DESCRIPTOR_OFFSET : TRACE_SRAM_REMOTE_DESCRIPTOR_OFFSET;
+  TraceSetStruct descriptor{};
+  if (file.size() >= offset + sizeof descriptor) std::memcpy(&descriptor, file.data() + offset, sizeof descriptor);
+  return descriptor;
+}
+
+std::string SramEntry::text() const {
+  const auto end = std::find(contents.begin(), contents.end(), 0);
+  return std::string(contents.begin(), end);
+}
+
+SramEntry readSramEntry(const std::string& sramPath, int region, unsigned slot) {
+  const Bytes file = readFileBytes(sramPath);
+  const std::size_t offset = (region == 0 ? TRACE_SRAM_SYSTEM_DATA_OFFSET : TRACE_SRAM_REMOTE_DATA_OFFSET) +
+                             static_cast<std::size_t>(slot) * TRACE_SRAM_SLOT_SIZE;
+  SramEntry entry{};
+  if (file.size() >= offset + TRACE_SRAM_SLOT_SIZE) {
+    std::memcpy(&entry.header, file.data() + offset, sizeof entry.header);
+    entry.contents.assign(file.begin() + static_cast<long>(offset + 80),
+                          file.begin() + static_cast<long>(offset + TRACE_SRAM_SLOT_SIZE));
+  }
+  return entry;
+}
 
 std::uint16_t u16At(const Bytes& bytes, std::size_t offset) {
   return static_cast<std::uint16_t>(bytes.at(offset) | bytes.at(offset + 1) << 8);

@@ -48,6 +48,16 @@ std::string readFileText(const std::string& path);
 void writeFileText(const std::string& path, std::string_view text);
 bool fileExists(const std::string& path);
 
+// The SRAM file as other processes see it: region 0 is "System" (id 255),
+// region 1 "NVJ_System" (id 254).
+TraceSetStruct readSramDescriptor(const std::string& sramPath, int region);
+struct SramEntry {
+  TraceEntryHeader header;  // as stored: time stamps big-endian
+  Bytes contents;           // all 128 contents bytes of the slot
+  std::string text() const;  // contents up to the first zero byte
+};
+SramEntry readSramEntry(const std::string& sramPath, int region, unsigned slot);
+
 // Little-endian field readers for byte images.
 std::uint16_t u16At(const Bytes& bytes, std::size_t offset);
 std::uint32_t u32At(const Bytes& bytes, std::size_t offset);

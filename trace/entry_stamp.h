@@ -1,0 +1,19 @@
+// Small helpers that stamp entry headers, shared by every writer.
+#pragma once
+
+#include <cstdint>
+
+#include "nodetrace/trace_layout.h"
+
+namespace nt {
+
+// CLOCK_MONOTONIC now, both words in network byte order, as entries store it.
+TraceTimeStamp monotonicTimestamp() noexcept;
+// CLOCK_REALTIME now, both words in network byte order.
+TraceTimeStamp realTimestamp() noexcept;
+
+// Copies at most 29 characters of fileName into the entry's fileName field;
+// the rest of the field, byte 29 included, is zero.
+void stampFileName(TraceEntryHeader& entry, const char* fileName) noexcept;
+
+}  // namespace nt

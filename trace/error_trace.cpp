@@ -1,0 +1,207 @@
+// The error trace writer: appends text entries to the first region of the
+// SRAM file.
+//
+// The set's state (writeIndex, counts) lives only in the file's descriptor;
+// every call reads it, advances it and writes it back, so each process goes
+// on where the last writer of any process stopped, also across resets.
+//
+//   offset 4      descriptor "System"   <- read, advanced, written first
+//   offset 52     slot 0 (80-byte header + 128 bytes of text)
+//   ...           slot writeIndex       <- header, then contents
+//   52 + 737*208  slot 737, then the ring wraps to slot 0
+
+#include "trace/error_trace.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "nodetrace/nodetrace.h"
+#include "trace/entry_stamp.h"
+#include "trace/node_names.h"
+#include "trace/scoped_handles.h"
+#include "trace/shared_access.h"
+#include "trace/source_file.h"
+#include "trace/syscalls.h"
+#include "trace/trace_lock.h"
+#include "trace/trace_system.h"
+
+namespace nt {
+namespace {
+
+constexpr std::uint32_t kContentsLength = TRACE_MAX_STRING_LENGTH;  // 128
+constexpr off_t kMaxSramFileSize = 524288;
+constexpr std::int32_t kErrorSeverity = TRACE_SEVERITY_ERR;
+
+// Prefix "<name cut to 20>: " of entries of user sets, written to the start
+// of contents. Returns its length, 0 when there is none.
+std::size_t writeSetPrefix(char* contents, std::int16_t traceSetId) noexcept {
+  const char* name = getTraceSetName(static_cast<std::uint16_t>(traceSetId));
+  if (name == nullptr) return 0;
+  const std::size_t length = strnlen(name, TRACE_SET_NAME_LENGTH);
+  std::memcpy(contents, name, length);
+  contents[length] = ':';
+  contents[length + 1] = ' ';
+  return length + 2;
+}
+
+bool writeAt(int fd, off_t offset, const void* data, std::size_t size) noexcept {
+  sys::lseek(fd, offset, SEEK_SET);
+  return sys::write(fd, data, size) == static_cast<ssize_t>(size);
+}
+
+}  // namespace
+
+int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileName,
+                  std::uint32_t line, const char* text, std::int16_t traceSetId,
+                  std::int32_t severity) noexcept {
+  initTraceSystem();
+  int result = 0;
+  TraceSetStruct descriptor{};
+  TraceEntryHeader entry{};
+  char version[4] = {};
+  char contents[kContentsLength] = {};
+
+  // Without trace memory there is no sequence number and no enable flag:
+  // nothing is written.
+  TraceMemoryHeader* h = header();
+  if (h == nullptr || loadShared(&h->traceEnabled) == 0) return 0;
+  if (type != TS_STRING) return severity == kErrorSeverity ? TRACE_RC_TYPE_MISMATCH : 0;
+  if (text == nullptr) text = "";
+
+  std::size_t length = std::strlen(text);
+  std::size_t prefixLength = 0;
+  if (severity != kErrorSeverity) {
+    if (traceSetId >= 0 && traceSetId < loadShared(&h->currentNumberTraceSets)) {
+      prefixLength = writeSetPrefix(contents, traceSetId);
+      length += prefixLength;
+    } else if (traceSetId != SYSTEM_TRACE_SET_ID) {
+      // An unknown set: the entry is kept, as an error without prefix.
+      result = TRACE_RC_UNKNOWN_SET;
+      severity = kErrorSeverity;
+    }
+  }
+  length = std::min<std::size_t>(length, kContentsLength);
+
+  TraceLockGuard lock;
+  const char* path = nodeNames().sram;
+
+  struct stat status {};
+  if (sys::stat(path, &status) == -1) {
+    std::fprintf(stderr, "'stat' failed for '%s': %s.\n", path, std::strerror(errno));
+    return result;
+  }
+  if (static_cast<std::uint64_t>(status.st_size) > static_cast<std::uint64_t>(kMaxSramFileSize)) {
+    return result;
+  }
+
+  {
+    ScopedFd in(sys::open(path, O_RDONLY | O_SYNC | O_CLOEXEC));
+    if (!in.valid()) {
+      std::fprintf(stderr, "%s (%s,%u): File access error (%s) in process %s!\n", kSourceFileName,
+                   "addErrorTrace", 721u, std::strerror(errno), program_invocation_short_name);
+      return TRACE_RC_FILE_ERROR;
+    }
+    if (sys::read(in.get(), version, sizeof version) < static_cast<ssize_t>(sizeof version)) {
+      std::fprintf(stderr, "%s (%s,%u): File access error(%s)!\n", kSourceFileName, "addErrorTrace",
+                   730u, std::strerror(errno));
+      return TRACE_RC_FILE_ERROR;
+    }
+    sys::lseek(in.get(), TRACE_SRAM_SYSTEM_DESCRIPTOR_OFFSET, SEEK_SET);
+    if (sys::read(in.get(), &descriptor, sizeof descriptor) < static_cast<ssize_t>(sizeof descriptor)) {
+      std::fprintf(stderr, "%s (%s,%u): File access error(%s)!\n", kSourceFileName, "addErrorTrace",
+                   742u, std::strerror(errno));
+      return TRACE_RC_FILE_ERROR;
+    }
+  }
+
+  // A descriptor that is not the one start-up writes means the file is not
+  // in the expected form: start it afresh. This entry is lost.
+  if (descriptor.traceEntryContentsLength != kContentsLength) {
+    std::fprintf(stderr, "%s (%s,%u): createSramFile : traceEntryContentsLength:%d stroffset:%d\n",
+                 kSourceFileName, "addErrorTrace", 754u, descriptor.traceEntryContentsLength,
+                 static_cast<int>(prefixLength));
+    unlink(path);
+    createSramFile(1);
+    return TRACE_RC_FILE_ERROR;
+  }
+
+  const std::uint32_t slotSize = getTraceEntrySize(kContentsLength);
+  const off_t slotOffset = static_cast<off_t>(descriptor.dataOffset) +
+                           static_cast<off_t>(slotSize) * descriptor.writeIndex;
+  if (descriptor.curentNumberEntries < descriptor.maxNumberEntries) ++descriptor.curentNumberEntries;
+  ++descriptor.totalNumberEntries;
+  const std::uint16_t slotIndex = descriptor.writeIndex;
+  // A damaged capacity of 0 keeps the index where it is rather than divide by it.
+  if (descriptor.maxNumberEntries != 0) {
+    descriptor.writeIndex = static_cast<std::uint16_t>((descriptor.writeIndex + 1) % descriptor.maxNumberEntries);
+  }
+
+  // The sequence number is taken here, so a rejected empty text below still
+  // consumes it.
+  const std::uint32_t sequenceNumber = loadShared(&h->totalNumberTraceEntries);
+  storeShared(&h->totalNumberTraceEntries, sequenceNumber + 1);
+
+  if (kContentsLength <= prefixLength) {
+    std::fprintf(stderr, "%s (%s,%u): negative  : traceEntryContentsLength:%d stroffset:%d\n",
+                 kSourceFileName, "addErrorTrace", 780u, static_cast<int>(kContentsLength),
+                 static_cast<int>(prefixLength));
+    return TRACE_RC_FILE_ERROR;
+  }
+  std::strncpy(contents + prefixLength, text, kContentsLength - prefixLength);
+  contents[kContentsLength - 1] = '\0';
+  while (length > 0 && contents[length - 1] == '\n') contents[--length] = '\0';
+  if (length == 0) {
+    std::fprintf(stderr, "%s (%s,%u): Ignoring attempt to add empty string as trace entry\n",
+                 kSourceFileName, "addErrorTrace", 799u);
+    return result;
+  }
+
+  stampFileName(entry, fileName);
+  entry.line = static_cast<std::int32_t>(line);
+  entry.severity = static_cast<std::uint8_t>(severity);
+  entry.category = category;
+  entry.sequenceNumber = sequenceNumber;
+  entry.monotonicTime = monotonicTimestamp();
+  entry.contentsLength = static_cast<std::uint16_t>(std::min<std::size_t>(length, kContentsLength - 1));
+  entry.pid = static_cast<std::uint32_t>(getpid());
+  entry.tid = static_cast<std::uint32_t>(gettid());
+  entry.prevTraceSetId = loadShared(&h->lastTraceSetId);
+  entry.prevEntryIndex = loadShared(&h->lastEntryIndex);
+  entry.realTime = realTimestamp();
+
+  ScopedFd out(sys::open(path, O_WRONLY | O_SYNC | O_CLOEXEC));
+  if (!out.valid()) {
+    std::fprintf(stderr, "%s (%s,%u): File access error (%s)!\n", kSourceFileName, "addErrorTrace",
+                 850u, std::strerror(errno));
+    return TRACE_RC_FILE_ERROR;
+  }
+  // The descriptor goes first: a failure after it leaves the ring advanced
+  // over a slot that still holds its old entry, never an entry outside it.
+  const struct {
+    off_t offset;
+    const void* data;
+    std::size_t size;
+    unsigned line;
+  } writes[] = {{TRACE_SRAM_SYSTEM_DESCRIPTOR_OFFSET, &descriptor, sizeof descriptor, 861u},
+                {slotOffset, &entry, sizeof entry, 872u},
+                {slotOffset + TRACE_ENTRY_HEADER_SIZE, contents, sizeof contents, 885u}};
+  for (const auto& write : writes) {
+    if (!writeAt(out.get(), write.offset, write.data, write.size)) {
+      std::fprintf(stderr, "%s (%s,%u): Error accessing file system (%s)!\n", kSourceFileName,
+                   "addErrorTrace", write.line, std::strerror(errno));
+      return TRACE_RC_FILE_ERROR;
+    }
+  }
+
+  storeShared(&h->lastTraceSetId, SYSTEM_TRACE_SET_ID);
+  storeShared(&h->lastEntryIndex, slotIndex);
+  return result;
+}
+
+}  // namespace nt
