@@ -1,0 +1,21 @@
+# The shipped library carries unwind tables for its code, so that a backtrace
+# taken in a crash walks through its frames: .ARM.exidx on 32-bit ARM,
+# .eh_frame elsewhere.
+foreach(var READELF LIBRARY SECTION)
+  if(NOT DEFINED ${var})
+    message(FATAL_ERROR "${var} is not set")
+  endif()
+endforeach()
+execute_process(COMMAND ${READELF} -S -W ${LIBRARY} OUTPUT_VARIABLE sections RESULT_VARIABLE result)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "${READELF} failed on ${LIBRARY}")
+endif()
+string(REPLACE "." "\\." pattern "${SECTION}")
+if(NOT sections MATCHES " ${pattern} +[A-Z_]+ +[0-9a-f]+ +[0-9a-f]+ +([0-9a-f]+)")
+  message(FATAL_ERROR "${LIBRARY} has no ${SECTION} section:\n${sections}")
+endif()
+set(size "${CMAKE_MATCH_1}")
+if(size MATCHES "^0+$")
+  message(FATAL_ERROR "${LIBRARY}: ${SECTION} is empty")
+endif()
+message(STATUS "${SECTION}: 0x${size} bytes")
