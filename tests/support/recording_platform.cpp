@@ -23,7 +23,7 @@ void record(PlatformCall call) {
   g_calls.push_back(std::move(call));
 }
 
-std::string vformat(const char* format, va_list args) {
+__attribute__((format(printf, 1, 0))) std::string vformat(const char* format, va_list args) {
   va_list copy;
   va_copy(copy, args);
   const int n = std::vsnprintf(nullptr, 0, format, copy);
