@@ -128,40 +128,43 @@ TEST_F(StartupFailureTest, SeekFailure) {
   expectRefusalsWithoutTraceMemory();
 }
 
-TEST_F(StartupFailureTest, VersionWriteFailureNamesTheErrorTraceSet) {
-  sys::failCall(Call::kWrite, 1, EIO);
-  StderrCapture capture;
-  getCurrentNumberTraceSets();
-  EXPECT_EQ(capture.take(),
-            "traceLibLocal.c (createSramFile,345): Error writing error trace set parameters "
-            "(Input/output error)!\n");
-  // The descriptor write is still made (at the offset where the version failed);
-  // the remote descriptor is not.
-  EXPECT_EQ(readFileBytes(sram()).size(), 48u);
-  EXPECT_EQ(sharedObjectSize(shmName()), -1);
-}
-
-TEST_F(StartupFailureTest, DescriptorWriteFailureNamesTheSystemTraceSet) {
-  sys::failCall(Call::kWrite, 2, ENOSPC);
-  StderrCapture capture;
-  getCurrentNumberTraceSets();
-  EXPECT_EQ(capture.take(),
-            "traceLibLocal.c (createSramFile,352): Error writing system trace set parameters "
-            "(No space left on device)!\n");
-  EXPECT_EQ(readFileBytes(sram()).size(), 4u);
-  EXPECT_EQ(sharedObjectSize(shmName()), -1);
-}
-
-TEST_F(StartupFailureTest, RemoteDescriptorWriteFailure) {
-  sys::failCall(Call::kWrite, 3, EIO);
-  StderrCapture capture;
-  getCurrentNumberTraceSets();
-  EXPECT_EQ(capture.take(),
-            "traceLibLocal.c (createSramFile,367): Error writing octeon trace set parameters "
-            "(Input/output error)!\n");
-  EXPECT_EQ(readFileBytes(sram()).size(), 52u);
-  EXPECT_EQ(sharedObjectSize(shmName()), -1);
-  expectRefusalsWithoutTraceMemory();
+// The three writes of the SRAM file, each failing in turn. The messages are
+// crossed: the version write names the error trace set, the descriptor write
+// the system trace set. A failed version write still lets the descriptor
+// write go on (landing at offset 0); the remote descriptor is only written
+// when both succeeded.
+TEST_F(StartupFailureTest, EachSramWriteFailureHasItsMessage) {
+  const struct {
+    int nth;
+    int error;
+    const char* message;
+    std::size_t fileSize;
+  } cases[] = {
+      {1, EIO,
+       "traceLibLocal.c (createSramFile,345): Error writing error trace set parameters "
+       "(Input/output error)!\n",
+       48},
+      {2, ENOSPC,
+       "traceLibLocal.c (createSramFile,352): Error writing system trace set parameters "
+       "(No space left on device)!\n",
+       4},
+      {3, EIO,
+       "traceLibLocal.c (createSramFile,367): Error writing octeon trace set parameters "
+       "(Input/output error)!\n",
+       52},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.nth);
+    TearDown();
+    SetUp();
+    sys::failCall(Call::kWrite, c.nth, c.error);
+    StderrCapture capture;
+    getCurrentNumberTraceSets();
+    EXPECT_EQ(capture.take(), c.message);
+    EXPECT_EQ(readFileBytes(sram()).size(), c.fileSize);
+    EXPECT_EQ(sharedObjectSize(shmName()), -1);
+    expectRefusalsWithoutTraceMemory();
+  }
 }
 
 TEST_F(StartupFailureTest, PermissionChangeFailureIsOnlyReported) {
