@@ -74,6 +74,15 @@ class MasksTest : public NodeTest {
     SetUp();
   }
 
+  // The current trace mask file has a line for "Radio" giving fileMask: the
+  // lookup finds it and a new set takes it over the creator's mask.
+  void expectFileMaskForRadio(std::uint32_t fileMask) {
+    const Lookup found = lookup("Radio");
+    EXPECT_EQ(found.rc, 1);
+    EXPECT_EQ(found.mask, fileMask);
+    EXPECT_EQ(categoryMaskBytes(createSet("Radio", ~fileMask)), fileMask);
+  }
+
   // On a fresh node, a trace mask file of this text has no line for
   // "Radio": the lookup finds nothing and a new set keeps its creator's mask.
   void expectNoLineFor(const char* text, std::uint32_t creatorMask) {
@@ -343,11 +352,7 @@ TEST_F(MasksTest, BlankTabCarriageReturnAndVerticalTabSeparate) {
     SCOPED_TRACE(testing::PrintToString(std::string(separators)));
     restartNode();
     writeFileText(masksFile(), std::string(separators) + "Radio" + separators + "0x1" + separators + "extra\n");
-    const Lookup found = lookup("Radio");
-    EXPECT_EQ(found.rc, 1);
-    EXPECT_EQ(found.mask, 0x1u);
-    const std::int16_t id = createSet("Radio", 0xF0);
-    EXPECT_EQ(categoryMaskBytes(id), 0x1u);
+    expectFileMaskForRadio(0x1);
   }
 }
 
@@ -359,11 +364,7 @@ TEST_F(MasksTest, CarriageReturnLineEndsWork) {
 
 TEST_F(MasksTest, TheLastMatchingLineWins) {
   writeFileText(masksFile(), "Radio 1\nPoll 7\nRadio 2\nRadio zz\nRadio\n");
-  const Lookup found = lookup("Radio");
-  EXPECT_EQ(found.rc, 1);
-  EXPECT_EQ(found.mask, 2u);
-  const std::int16_t id = createSet("Radio", 0xF0);
-  EXPECT_EQ(categoryMaskBytes(id), 2u);
+  expectFileMaskForRadio(2);
 }
 
 TEST_F(MasksTest, NamesAreComparedOverTwentyCharactersCaseSensitive) {
