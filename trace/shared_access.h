@@ -22,4 +22,10 @@ inline void storeShared(T* field, V value) noexcept {
   std::atomic_ref<T>(*field).store(static_cast<T>(value), std::memory_order_relaxed);
 }
 
+// For read-modify-write of a shared counter (fetch_add, compare-exchange).
+template <typename T>
+inline std::atomic_ref<T> sharedRef(T* field) noexcept {
+  return std::atomic_ref<T>(*field);
+}
+
 }  // namespace nt

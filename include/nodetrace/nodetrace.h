@@ -106,6 +106,56 @@ NODETRACE_API int needsRemoteTraceSupport(void);
 NODETRACE_API int initTraceSet(const char *name, uint32_t type, uint16_t maxEntries,
                                uint16_t maxContentsLength, uint32_t categoryMask, int16_t *id);
 
+/* ---- Writing entries ------------------------------------------------------ */
+
+/** Writes one entry into trace set traceSetId. type must be the set's type
+ *  (TS_STRING or TS_DUMP); file and line name the call site (only the base
+ *  name of file is kept). The variable arguments are the contents length (an
+ *  int, used as 16 bits; ignored for text sets, which take strlen) and a
+ *  pointer to the contents (text or bytes).
+ *  Error-class entries (ERR, WAR, NOT) go to the persistent error trace set
+ *  "System"; other entries pass the node's severity filter and the set's
+ *  category mask into the set's ring in shared memory (text cut to the set's
+ *  maximum, a trailing line feed dropped). Every stored entry is forwarded
+ *  to the platform log service. Returns 0 (also when filtered out or tracing
+ *  is disabled), TRACE_RC_UNKNOWN_SET (-5), TRACE_RC_TYPE_MISMATCH (-7), or
+ *  the error trace writer's result. Takes no lock; errno is left unchanged. */
+NODETRACE_API int addTraceEntry(uint16_t traceSetId, uint32_t type, uint32_t severity,
+                                uint32_t category, const char *file, int32_t line, ...);
+
+/** printf-style text entry: filters first (nothing is formatted for an entry
+ *  that the severity filter or the set's category mask drops), then formats
+ *  into 128 bytes (at most 127 characters) and writes it with addTraceEntry.
+ *  Returns 0, TRACE_RC_UNKNOWN_SET, or addTraceEntry's result. */
+NODETRACE_API int tracePrintf(uint16_t traceSetId, uint32_t severity, uint32_t category,
+                              const char *file, int32_t line, const char *format, ...)
+    __attribute__((format(printf, 6, 7)));
+
+/* Conversions in the macros below that C++ code compiled with
+ * -Wold-style-cast accepts too. */
+#ifdef __cplusplus
+#define NODETRACE_CAST(type, value) static_cast<type>(value)
+#else
+#define NODETRACE_CAST(type, value) ((type)(value))
+#endif
+
+/** Text entries at the call site, one macro per severity:
+ *  TRACE_INF(set, category, "format", ...). The format is checked like
+ *  printf's. Each evaluates to tracePrintf's result. */
+#define TRACE_PRINTF(set, severity, category, ...) \
+  tracePrintf(NODETRACE_CAST(uint16_t, set), (severity), (category), __FILE__, __LINE__, __VA_ARGS__)
+#define TRACE_ERR(set, category, ...) TRACE_PRINTF(set, TRACE_SEVERITY_ERR, category, __VA_ARGS__)
+#define TRACE_WAR(set, category, ...) TRACE_PRINTF(set, TRACE_SEVERITY_WAR, category, __VA_ARGS__)
+#define TRACE_INF(set, category, ...) TRACE_PRINTF(set, TRACE_SEVERITY_INF, category, __VA_ARGS__)
+#define TRACE_DBG(set, category, ...) TRACE_PRINTF(set, TRACE_SEVERITY_DBG, category, __VA_ARGS__)
+#define TRACE_NOT(set, category, ...) TRACE_PRINTF(set, TRACE_SEVERITY_NOT, category, __VA_ARGS__)
+
+/** A dump entry of length bytes at data, into a TS_DUMP set, at the call
+ *  site: TRACE_DUMP(set, TRACE_SEVERITY_INF, category, buffer, size). */
+#define TRACE_DUMP(set, severity, category, data, length)                                  \
+  addTraceEntry(NODETRACE_CAST(uint16_t, set), TS_DUMP, (severity), (category), __FILE__,   \
+                __LINE__, NODETRACE_CAST(int, length), NODETRACE_CAST(const void *, data))
+
 /* ---- Severity filter and category masks ---------------------------------- */
 
 /** The node-wide severity filter: entries of severities whose bit is set are

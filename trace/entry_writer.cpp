@@ -1,0 +1,299 @@
+// The entry writer: the one way an application's trace reaches the ring of a
+// user trace set in shared memory.
+//
+// An entry is written into the next slot of its set's ring without a lock,
+// stamped and linked to the entry written just before it anywhere in the
+// node, and then forwarded to the platform log service:
+//
+//   descriptor.dataOffset
+//   |  slot 0  |  slot 1  | ... | slot writeIndex | ... | slot max-1 |
+//                                 ^ this entry: 80-byte header, then contents
+//
+// Error-class entries (ERR, WAR, NOT) go to the persistent error trace set
+// instead and are forwarded all the same.
+//
+// The ring counters, the sequence number and the link to the newest entry
+// are advanced with atomic read-modify-write operations rather than separate
+// loads and stores: two writers of one set then never claim the same slot,
+// and no two entries share a sequence number. For a single writer the
+// result is the same. The slot itself is written with whole-word stores;
+// a reader that copies a slot while it is being written may see a mix of
+// the old and the new entry, which readers accept.
+
+#include <libgen.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "nodetrace/logbridge.h"
+#include "nodetrace/nodetrace.h"
+#include "trace/entry_stamp.h"
+#include "trace/errno_guard.h"
+#include "trace/error_trace.h"
+#include "trace/shared_access.h"
+#include "trace/thread_ids.h"
+#include "trace/trace_system.h"
+
+namespace nt {
+namespace {
+
+constexpr std::uint32_t kErrorClass = TRACE_SEVERITY_ERROR_CLASS;
+constexpr std::size_t kPathBufferSize = 4096;
+constexpr std::size_t kFormatBufferSize = 128;
+constexpr char kEmptyEntryText[] = "Trying to add empty trace entry";
+
+// The caller's source path reduced to its last component in buf, as the XPG
+// basename does ("a/b.c" gives "b.c", "a/b/" gives "b"). A null path is
+// treated as empty, which gives ".".
+const char* baseName(const char* file, char (&buf)[kPathBufferSize]) noexcept {
+  if (file == nullptr) file = "";
+  const std::size_t length = strnlen(file, kPathBufferSize - 1);
+  std::memcpy(buf, file, length);
+  buf[length] = '\0';
+  return basename(buf);
+}
+
+bool traceEnabled() noexcept {
+  initTraceSystem();
+  const TraceMemoryHeader* h = header();
+  return h != nullptr && loadShared(&h->traceEnabled) != 0;
+}
+
+// The descriptor of a valid set id: the shared one of a user set, the
+// process's snapshot of a set of the SRAM file.
+TraceSetStruct* descriptorOf(std::uint16_t id) noexcept {
+  if (id == SYSTEM_TRACE_SET_ID || id == REMOTE_SYSTEM_TRACE_SET_ID) return getTraceSetStruct(id);
+  return userDescriptor(id);
+}
+
+bool passesFilters(std::uint32_t severity, std::uint32_t category,
+                   const TraceSetStruct* descriptor) noexcept {
+  return (severity & loadShared(&header()->severityMask)) != 0 &&
+         (category & loadShared(&descriptor->categoryMask)) != 0;
+}
+
+// Claims the next slot of the ring: returns the slot the entry goes to and
+// advances writeIndex past it. A ring of capacity 0 keeps its index.
+std::uint16_t claimSlot(TraceSetStruct* descriptor, std::uint16_t capacity) noexcept {
+  auto writeIndex = sharedRef(&descriptor->writeIndex);
+  std::uint16_t used = writeIndex.load(std::memory_order_relaxed);
+  if (capacity == 0) return used;
+  while (!writeIndex.compare_exchange_weak(
+      used, static_cast<std::uint16_t>((used + 1u) % capacity), std::memory_order_relaxed)) {
+  }
+  return used;
+}
+
+void countEntry(TraceSetStruct* descriptor, std::uint16_t capacity) noexcept {
+  auto current = sharedRef(&descriptor->curentNumberEntries);
+  std::uint16_t count = current.load(std::memory_order_relaxed);
+  while (count < capacity &&
+         !current.compare_exchange_weak(count, static_cast<std::uint16_t>(count + 1u),
+                                        std::memory_order_relaxed)) {
+  }
+  sharedRef(&descriptor->totalNumberEntries).fetch_add(1u, std::memory_order_relaxed);
+}
+
+// Stores size bytes at dst (4-byte aligned) as whole words, the last partial
+// word byte by byte, so that concurrent readers see untorn words.
+void storeWords(std::uint8_t* dst, const std::uint8_t* src, std::size_t size) noexcept {
+  std::size_t i = 0;
+  for (; i + 4 <= size; i += 4) {
+    std::uint32_t word;
+    std::memcpy(&word, src + i, 4);
+    storeShared(reinterpret_cast<std::uint32_t*>(dst + i), word);
+  }
+  for (; i < size; ++i) storeShared(dst + i, src[i]);
+}
+
+// The text contents of a slot: length characters of text, zero up to
+// capacity, and the last byte of the capacity always zero. Written word by
+// word without a buffer of the capacity's size.
+void storeText(std::uint8_t* dst, const char* text, std::size_t length,
+               std::size_t capacity) noexcept {
+  const auto byteAt = [&](std::size_t i) -> std::uint8_t {
+    if (i + 1 == capacity || i >= length) return 0;
+    return static_cast<std::uint8_t>(text[i]);
+  };
+  std::size_t i = 0;
+  for (; i + 4 <= capacity; i += 4) {
+    const std::uint8_t word[4] = {byteAt(i), byteAt(i + 1), byteAt(i + 2), byteAt(i + 3)};
+    std::uint32_t value;
+    std::memcpy(&value, word, 4);
+    storeShared(reinterpret_cast<std::uint32_t*>(dst + i), value);
+  }
+  for (; i < capacity; ++i) storeShared(dst + i, byteAt(i));
+}
+
+// Links the entry into the node-wide chain: it becomes the newest entry, and
+// its header records the one that was newest before it. Set and slot share
+// one aligned word of the header, swapped as a whole.
+void linkEntry(TraceMemoryHeader* h, TraceEntryHeader* slot, std::uint16_t setId,
+               std::uint16_t slotIndex) noexcept {
+  static_assert(offsetof(TraceMemoryHeader, lastEntryIndex) ==
+                offsetof(TraceMemoryHeader, lastTraceSetId) + 2);
+  std::uint16_t link[2] = {setId, slotIndex};
+  std::uint32_t newest;
+  std::memcpy(&newest, link, sizeof newest);
+  auto* word = reinterpret_cast<std::uint32_t*>(&h->lastTraceSetId);
+  const std::uint32_t previous = sharedRef(word).exchange(newest, std::memory_order_relaxed);
+  std::memcpy(link, &previous, sizeof previous);
+  storeShared(&slot->prevTraceSetId, link[0]);
+  storeShared(&slot->prevEntryIndex, link[1]);
+}
+
+struct RingWrite {
+  int result;
+  std::uint32_t length;  // as it stands after the ring's rules
+  bool forward;
+};
+
+// Writes one entry into the ring of a user set (or of the snapshot of
+// "NVJ_System", whose slot is then computed inside the shared mapping from
+// its file offset). Refuses, without writing, a slot that lies outside the
+// mapping or is not word-aligned: a damaged descriptor never makes the writer
+// store outside the shared memory.
+RingWrite writeToRing(TraceSetStruct* descriptor, std::uint16_t traceSetId, std::uint32_t type,
+                      std::uint32_t severity, std::uint32_t category, const char* fileName,
+                      std::int32_t line, std::uint32_t length, const void* contents,
+                      int result) noexcept {
+  TraceMemoryHeader* h = header();
+  if (!passesFilters(severity, category, descriptor)) return {result, length, false};
+  if (loadShared(&descriptor->type) != type) return {TRACE_RC_TYPE_MISMATCH, length, false};
+  if (type == TS_STRING) {
+    length = contents == nullptr ? 0u : static_cast<std::uint16_t>(std::strlen(static_cast<const char*>(contents)));
+  }
+
+  const std::uint16_t capacity = loadShared(&descriptor->maxNumberEntries);
+  const std::uint16_t maxLength = loadShared(&descriptor->traceEntryContentsLength);
+  const std::uint64_t slotSize = getTraceEntrySize(maxLength);
+  const std::uint64_t dataOffset = loadShared(&descriptor->dataOffset);
+  if (length > maxLength) length = maxLength;
+  if (length == 0 || contents == nullptr) {
+    return {addErrorTrace(TS_STRING, TRACE_CATEGORY_LIBRARY, fileName, static_cast<std::uint32_t>(line),
+                          kEmptyEntryText, static_cast<std::int16_t>(traceSetId),
+                          static_cast<std::int32_t>(TRACE_SEVERITY_NOT)),
+            length, false};
+  }
+
+  // The slot is known before the counters move; a slot outside the mapping
+  // drops the entry before anything changed.
+  const std::uint16_t peek = loadShared(&descriptor->writeIndex);
+  if (dataOffset + slotSize * (static_cast<std::uint64_t>(peek) + 1u) > g_process.size ||
+      (dataOffset % 4u) != 0) {
+    return {result, length, false};
+  }
+  countEntry(descriptor, capacity);
+  const std::uint16_t used = claimSlot(descriptor, capacity);
+  const std::uint64_t slotOffset = dataOffset + slotSize * used;
+  if (slotOffset + slotSize > g_process.size) return {result, length, false};
+
+  auto* slot = g_process.base + slotOffset;
+  TraceEntryHeader entry{};
+  stampFileName(entry, fileName);
+  entry.line = line;
+  entry.pid = static_cast<std::uint32_t>(currentPid());
+  entry.tid = static_cast<std::uint32_t>(currentTid());
+  entry.severity = static_cast<std::uint8_t>(severity);
+  entry.category = category;
+  entry.sequenceNumber = sharedRef(&h->totalNumberTraceEntries).fetch_add(1u, std::memory_order_relaxed);
+  entry.monotonicTime = monotonicTimestamp();
+  entry.contentsLength = static_cast<std::uint16_t>(length == maxLength ? length - 1u : length);
+  entry.realTime = realTimestamp();
+
+  std::uint8_t* contentsSlot = slot + TRACE_ENTRY_HEADER_SIZE;
+  if (type == TS_STRING) {
+    const char* text = static_cast<const char*>(contents);
+    storeText(contentsSlot, text, length, maxLength);
+    // A trailing line feed is not part of the entry. (At the maximum length
+    // the forced terminator has already replaced it.)
+    if (length < maxLength && text[length - 1] == '\n') {
+      storeShared(contentsSlot + length - 1, std::uint8_t{0});
+      --entry.contentsLength;
+    }
+  } else {
+    storeWords(contentsSlot, static_cast<const std::uint8_t*>(contents), length);
+  }
+  storeWords(slot, reinterpret_cast<const std::uint8_t*>(&entry), sizeof entry);
+  linkEntry(h, reinterpret_cast<TraceEntryHeader*>(slot), traceSetId, used);
+  return {result, length, true};
+}
+
+int addEntry(std::uint16_t traceSetId, std::uint32_t type, std::uint32_t severity,
+             std::uint32_t category, const char* file, std::int32_t line, std::uint32_t length,
+             const void* contents) noexcept {
+  if (!traceEnabled()) return 0;
+  char pathBuffer[kPathBufferSize];
+  const char* fileName = baseName(file, pathBuffer);
+
+  int result = 0;
+  const bool errorClass = (severity & kErrorClass) != 0;
+  if (errorClass) {
+    result = addErrorTrace(type, category, fileName, static_cast<std::uint32_t>(line),
+                           static_cast<const char*>(contents), static_cast<std::int16_t>(traceSetId),
+                           static_cast<std::int32_t>(severity));
+  }
+  if (isValidTraceSetId(traceSetId) == 0) return TRACE_RC_UNKNOWN_SET;
+  TraceSetStruct* descriptor = descriptorOf(traceSetId);
+  if (descriptor == nullptr) return result;
+
+  if (!errorClass && traceSetId != SYSTEM_TRACE_SET_ID) {
+    const RingWrite written = writeToRing(descriptor, traceSetId, type, severity, category, fileName,
+                                          line, length, contents, result);
+    if (!written.forward) return written.result;
+    result = written.result;
+    length = written.length;
+  }
+
+  // The set's name is copied out of the shared descriptor with its
+  // terminator, so a damaged name cannot lead the lookup past it.
+  char name[TRACE_SET_NAME_LENGTH + 1] = {};
+  std::memcpy(name, descriptor->name, TRACE_SET_NAME_LENGTH);
+  updateSyslogPrint(name, loadShared(&descriptor->type), severity, category, fileName, line,
+                    static_cast<std::uint16_t>(length), contents);
+  return result;
+}
+
+}  // namespace
+}  // namespace nt
+
+extern "C" {
+
+NODETRACE_API int addTraceEntry(uint16_t traceSetId, uint32_t type, uint32_t severity,
+                                uint32_t category, const char* file, int32_t line, ...) {
+  const nt::ErrnoGuard keepErrno;
+  va_list args;
+  va_start(args, line);
+  const auto length = static_cast<std::uint16_t>(va_arg(args, int));
+  const void* contents = va_arg(args, const void*);
+  va_end(args);
+  return nt::addEntry(traceSetId, type, severity, category, file, line, length, contents);
+}
+
+NODETRACE_API int tracePrintf(uint16_t traceSetId, uint32_t severity, uint32_t category,
+                              const char* file, int32_t line, const char* format, ...) {
+  const nt::ErrnoGuard keepErrno;
+  const int callerErrno = errno;
+  if (!nt::traceEnabled()) return 0;
+  // The filters are applied before any formatting: a filtered-out call
+  // costs a few loads.
+  if (traceSetId != SYSTEM_TRACE_SET_ID && severity != TRACE_SEVERITY_ERR) {
+    if (isValidTraceSetId(traceSetId) == 0) return TRACE_RC_UNKNOWN_SET;
+    const TraceSetStruct* descriptor = nt::descriptorOf(traceSetId);
+    if (descriptor != nullptr && !nt::passesFilters(severity, category, descriptor)) return 0;
+  }
+  char text[nt::kFormatBufferSize];
+  va_list args;
+  va_start(args, format);
+  // "%m" in the format prints the caller's errno, not one left behind by
+  // the start-up above.
+  errno = callerErrno;
+  std::vsnprintf(text, sizeof text, format == nullptr ? "" : format, args);
+  va_end(args);
+  return nt::addEntry(traceSetId, TS_STRING, severity, category, file, line, 0, text);
+}
+
+}  // extern "C"
