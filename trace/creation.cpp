@@ -19,6 +19,7 @@
 #include "trace/registry.h"
 #include "trace/shared_access.h"
 #include "trace/source_file.h"
+#include "trace/syscalls.h"
 #include "trace/trace_system.h"
 
 namespace nt {
@@ -91,7 +92,7 @@ int createTraceSet(std::int16_t* id, const char* name, std::uint32_t type, std::
 
 extern "C" NODETRACE_API int initTraceSet(const char* name, uint32_t type, uint16_t maxEntries,
                                           uint16_t maxContentsLength, uint32_t categoryMask, int16_t* id) {
-  openlog("QMB_SW", LOG_PID, LOG_USER);
+  nt::sys::openlog("QMB_SW", LOG_PID, LOG_USER);
   nt::initTraceSystem();
   if (name == nullptr || id == nullptr) return TRACE_RC_BAD_ARGUMENT;
 

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "nodetrace/logbridge.h"
+
 // Each node name once; the compiled-in table and the relocation derive from
 // these.
 #define NT_SHM_NAME "/shmem_Trace"
@@ -59,3 +61,13 @@ bool relocateNodeNames(const char* root, const char* ipcSuffix) noexcept {
 void restoreNodeNames() noexcept { g_names = kCompiledNames; }
 
 }  // namespace nt
+
+// The paths of the local log file and of its saved tail start as the two
+// node names. Pointing at the table's own buffers (constant-initialised, so
+// no order of static initialisation matters) makes the build's path prefix
+// and the relocation of the tests apply to them; a process may still point
+// them anywhere else.
+extern "C" {
+NODETRACE_API constinit const char* TMGR_HBK_LOG_FILE_NAME = nt::g_names.hbkLog;
+NODETRACE_API constinit const char* TMGR_HBK_LOG_FILE_NAME_TMP = nt::g_names.hbkLogTmp;
+}

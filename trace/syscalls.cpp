@@ -2,11 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
+#include <mutex>
 
 namespace nt::sys {
 namespace {
@@ -18,6 +21,14 @@ struct Plan {
   std::array<std::atomic<int>, kCalls> error{};
 };
 Plan g_plan;
+
+struct Capture {
+  std::atomic<bool> on{false};
+  std::mutex mutex;
+  std::vector<SyslogRecord> syslog;
+  std::vector<OpenlogRecord> openlog;
+};
+Capture g_capture;
 
 // True when this call is the one planned to fail; errno is then set.
 bool plannedFailure(Call call) noexcept {
@@ -87,6 +98,79 @@ int chmod(const char* path, mode_t mode) noexcept {
 int stat(const char* path, struct stat* status) noexcept {
   if (plannedFailure(Call::kStat)) return -1;
   return ::stat(path, status);
+}
+
+int lstat(const char* path, struct stat* status) noexcept {
+  if (plannedFailure(Call::kLstat)) return -1;
+  return ::lstat(path, status);
+}
+
+std::FILE* fopen(const char* path, const char* mode) noexcept {
+  if (plannedFailure(Call::kFopen)) return nullptr;
+  return std::fopen(path, mode);
+}
+
+int snprintf(char* buffer, std::size_t size, const char* format, ...) noexcept {
+  if (plannedFailure(Call::kSnprintf)) return -1;
+  va_list args;
+  va_start(args, format);
+  const int n = std::vsnprintf(buffer, size, format, args);
+  va_end(args);
+  return n;
+}
+
+void syslog(int priority, const char* format, ...) noexcept {
+  va_list args;
+  va_start(args, format);
+  if (g_capture.on.load(std::memory_order_relaxed)) {
+    // Test path only: the text is formatted into a string and kept.
+    va_list copy;
+    va_copy(copy, args);
+    const int n = std::vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    std::string text(n > 0 ? static_cast<std::size_t>(n) : 0, '\0');
+    if (n > 0) std::vsnprintf(text.data(), text.size() + 1, format, args);
+    std::lock_guard lock(g_capture.mutex);
+    g_capture.syslog.push_back({priority, std::move(text)});
+  } else {
+    ::vsyslog(priority, format, args);
+  }
+  va_end(args);
+}
+
+void openlog(const char* ident, int option, int facility) noexcept {
+  if (g_capture.on.load(std::memory_order_relaxed)) {
+    std::lock_guard lock(g_capture.mutex);
+    g_capture.openlog.push_back({ident != nullptr ? ident : "", option, facility});
+    return;
+  }
+  ::openlog(ident, option, facility);
+}
+
+void captureSyslog(bool on) noexcept {
+  std::lock_guard lock(g_capture.mutex);
+  if (on) {
+    g_capture.syslog.clear();
+    g_capture.openlog.clear();
+  }
+  g_capture.on.store(on, std::memory_order_relaxed);
+}
+
+void resetSyslogCapture() noexcept {
+  std::lock_guard lock(g_capture.mutex);
+  g_capture.on.store(false, std::memory_order_relaxed);
+  g_capture.syslog.clear();
+  g_capture.openlog.clear();
+}
+
+std::vector<SyslogRecord> capturedSyslog() {
+  std::lock_guard lock(g_capture.mutex);
+  return g_capture.syslog;
+}
+
+std::vector<OpenlogRecord> capturedOpenlog() {
+  std::lock_guard lock(g_capture.mutex);
+  return g_capture.openlog;
 }
 
 }  // namespace nt::sys

@@ -4,6 +4,9 @@
 // seam to make the nth call of one kind fail with a chosen errno, so that
 // every failure message and result can be checked exactly. Without a planned
 // failure each wrapper costs one relaxed atomic load.
+//
+// syslog and openlog go through the seam too: a test can capture what the
+// library sends to the system log instead of reading the machine's log.
 #pragma once
 
 #include <semaphore.h>
@@ -11,6 +14,9 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdio>
+#include <string>
+#include <vector>
 
 namespace nt::sys {
 
@@ -25,6 +31,9 @@ enum class Call : unsigned {
   kSemOpen,
   kChmod,
   kStat,
+  kLstat,
+  kFopen,
+  kSnprintf,
   kCount
 };
 
@@ -43,5 +52,33 @@ int shmOpen(const char* name, int flags, mode_t mode) noexcept;
 sem_t* semOpen(const char* name, int flags, mode_t mode, unsigned value) noexcept;
 int chmod(const char* path, mode_t mode) noexcept;
 int stat(const char* path, struct stat* status) noexcept;
+int lstat(const char* path, struct stat* status) noexcept;
+std::FILE* fopen(const char* path, const char* mode) noexcept;
+// A planned failure returns -1 and writes nothing, as a failing formatter.
+int snprintf(char* buffer, std::size_t size, const char* format, ...) noexcept
+    __attribute__((format(printf, 3, 4)));
+
+void syslog(int priority, const char* format, ...) noexcept __attribute__((format(printf, 2, 3)));
+void openlog(const char* ident, int option, int facility) noexcept;
+
+// Test hook: while capture is on, syslog and openlog are recorded here
+// instead of reaching the system log. Off by default.
+struct SyslogRecord {
+  int priority;
+  std::string text;
+  bool operator==(const SyslogRecord&) const = default;
+};
+struct OpenlogRecord {
+  std::string ident;
+  int option;
+  int facility;
+  bool operator==(const OpenlogRecord&) const = default;
+};
+// Switching capture on starts with no records.
+void captureSyslog(bool on) noexcept;
+// Capture off, records forgotten.
+void resetSyslogCapture() noexcept;
+std::vector<SyslogRecord> capturedSyslog();
+std::vector<OpenlogRecord> capturedOpenlog();
 
 }  // namespace nt::sys

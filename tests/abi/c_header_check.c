@@ -1,7 +1,9 @@
 /* The public headers compile as C11 and link against libnodetrace.so from a
  * C program. Only calls that need no node are made. */
 #include <stdio.h>
+#include <string.h>
 
+#include "nodetrace/logbridge.h"
 #include "nodetrace/nodetrace.h"
 
 int main(void) {
@@ -12,6 +14,9 @@ int main(void) {
   failures += sizeof(TraceEntryHeader) != 80 || sizeof(TraceSetStruct) != 48;
   failures += sizeof(TraceMemoryHeader) != 28;
   failures += gettid() <= 0;
+  failures += getDefaultHBKtag() != 0x1A001Eu;
+  failures += hbk_syslog_map[31].tag != 0x1A001Fu || strcmp(hbk_syslog_map[31].name, "Unknown") != 0;
+  failures += TMGR_HBK_LOG_FILE_NAME == NULL || TMGR_HBK_LOG_FILE_NAME_TMP == NULL;
   printf("C interface: %s\n", failures == 0 ? "ok" : "FAILED");
   return failures == 0 ? 0 : 1;
 }

@@ -40,9 +40,15 @@ foreach(header IN LISTS headers)
   # Declarations start a line with NODETRACE_API.
   file(READ ${header} text)
   string(PREPEND text "\n")
-  string(REGEX MATCHALL "\nNODETRACE_API[^;{(]*[ *&]([A-Za-z_][A-Za-z0-9_]*) *(\\(|\\[|;)" hits "${text}")
+  # A declared name is followed by "(", "[" or ";". Square brackets and
+  # semicolons inside the matches would break CMake's lists of them, so all
+  # three become "(" first.
+  string(REPLACE "[" "(" text "${text}")
+  string(REPLACE "]" ")" text "${text}")
+  string(REPLACE ";" "(" text "${text}")
+  string(REGEX MATCHALL "\nNODETRACE_API[^{(]*[ *&]([A-Za-z_][A-Za-z0-9_]*) *\\(" hits "${text}")
   foreach(hit IN LISTS hits)
-    string(REGEX REPLACE "^.*[ *&]([A-Za-z_][A-Za-z0-9_]*) *(\\(|\\[|;)$" "\\1" name "${hit}")
+    string(REGEX REPLACE "^.*[ *&]([A-Za-z_][A-Za-z0-9_]*) *\\($" "\\1" name "${hit}")
     list(APPEND declared "${name}")
   endforeach()
 endforeach()

@@ -1,0 +1,164 @@
+// Feature tags and the routing of trace entries to the platform log service.
+//
+// The platform files log lines under a feature tag per application family:
+// (domain << 16) | row, with the library's domain 26 ("QMB"). A trace set is
+// filed under the row that carries its name; error entries always go out
+// under "System", whatever their set.
+
+#include "logbridge/feature_tags.h"
+
+#include <strings.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "nodeplatform/nodeplatform.h"
+#include "nodetrace/logbridge.h"
+#include "nodetrace/trace_layout.h"
+#include "trace/errno_guard.h"
+
+// The feature tag table. Rows 0 to 29 are the application families of the
+// node, named as their trace sets are; row 30 takes the library's own
+// records and every error entry, row 31 any set whose name no row holds.
+extern "C" NODETRACE_API constinit const hbk_syslog_map_entry hbk_syslog_map[HBK_SYSLOG_MAP_ROWS] = {
+    {0x1A0000, "Platform"},     // start-up, process supervision, node platform services
+    {0x1A0001, "Config"},       // configuration database and its transactions
+    {0x1A0002, "Alarm"},        // alarm raising, clearing and the active alarm list
+    {0x1A0003, "Event"},        // events and notifications to managers
+    {0x1A0004, "Perf"},         // performance monitoring counters and bins
+    {0x1A0005, "Equipment"},    // cards, plug-in units and their states
+    {0x1A0006, "Inventory"},    // hardware and software inventory
+    {0x1A0007, "Software"},     // software download, activation and rollback
+    {0x1A0008, "License"},      // licence keys and capacity
+    {0x1A0009, "Security"},     // users, authentication, authorisation, audit
+    {0x1A000A, "Snmp"},         // SNMP agent
+    {0x1A000B, "Netconf"},      // NETCONF server
+    {0x1A000C, "Cli"},          // command line interface
+    {0x1A000D, "Web"},          // web management interface
+    {0x1A000E, "Database"},     // persistent storage of the node's data
+    {0x1A000F, "Timing"},       // clock synchronisation: SyncE, PTP, time of day
+    {0x1A0010, "Ethernet"},     // Ethernet ports and switching
+    {0x1A0011, "Routing"},      // IP routing and forwarding
+    {0x1A0012, "Mpls"},         // MPLS tunnels and pseudowires
+    {0x1A0013, "Oam"},          // connectivity checks, loopbacks, link trace
+    {0x1A0014, "Protection"},   // protection switching of links and paths
+    {0x1A0015, "Qos"},          // classification, policing, queues and shaping
+    {0x1A0016, "Radio"},        // radio links: modulation, power, receive levels
+    {0x1A0017, "Optical"},      // optical interfaces and transceivers
+    {0x1A0018, "Dcn"},          // data communication network of the management
+    {0x1A0019, "Discovery"},    // neighbour and topology discovery
+    {0x1A001A, "Power"},        // power supply, fans and temperature
+    {0x1A001B, "Diagnostics"},  // self tests and fault localisation
+    {0x1A001C, "Backup"},       // backup and restore of the configuration
+    {0x1A001D, "RemoteUnit"},   // management of the remote unit
+    {0x1A001E, "System"},       // the library's own records and all errors
+    {0x1A001F, "Unknown"},      // sets whose name no row holds
+};
+
+namespace nt {
+namespace {
+
+static_assert(HBK_SYSLOG_MAP_ROWS == 32);
+static_assert(kSystemHbkTag == ((kHbkDomain << 16) | 30));
+static_assert(kUnknownHbkTag == ((kHbkDomain << 16) | 31));
+
+// Plain process-wide flag; two threads forwarding their first entries at the
+// same moment may both register the domain, which the platform tolerates.
+std::atomic<int> g_hbkDomainRegistered{0};
+
+void registerDomain(const char* traceSetName) noexcept {
+  const int rc = ZqConfigRadRegisterDomain(kHbkDomain, kHbkDomainName, setHBKTagDefaults);
+  if (rc == 0) {
+    g_hbkDomainRegistered.store(1, std::memory_order_relaxed);
+    proc_printf_func("updateSyslogPrint", 197, "QMB Domain [%s] registered", traceSetName);
+  } else {
+    // The flag stays 0: the next entry tries again.
+    proc_printf_func("updateSyslogPrint", 202, "ZqConfigRadRegisterDomain() returned %d for [%s]", rc,
+                     traceSetName);
+  }
+}
+
+// Contents as text: the entry's bytes are printed with %s, so bytes without
+// a zero byte within contentsLength (a dump's, or damaged text) are copied
+// and terminated first rather than read past their end.
+class EntryText {
+ public:
+  EntryText(const void* contents, std::uint16_t contentsLength) noexcept {
+    if (contents == nullptr) return;
+    const auto* bytes = static_cast<const char*>(contents);
+    if (std::memchr(bytes, '\0', contentsLength) != nullptr) {
+      text_ = bytes;
+      return;
+    }
+    const std::size_t length = contentsLength < TRACE_MAX_DUMP_LENGTH ? contentsLength : TRACE_MAX_DUMP_LENGTH;
+    std::memcpy(copy_, bytes, length);
+    copy_[length] = '\0';
+    text_ = copy_;
+  }
+  EntryText(const EntryText&) = delete;
+  EntryText& operator=(const EntryText&) = delete;
+
+  const char* get() const noexcept { return text_; }
+
+ private:
+  const char* text_ = "";
+  char copy_[TRACE_MAX_DUMP_LENGTH + 1];
+};
+
+}  // namespace
+
+std::uint32_t severityToLogLevel(std::uint32_t severity) noexcept {
+  switch (severity) {
+    case TRACE_SEVERITY_NOT: return 2;
+    case TRACE_SEVERITY_DBG: return 1;
+    case TRACE_SEVERITY_INF: return 2;
+    case TRACE_SEVERITY_WAR: return 3;
+    case TRACE_SEVERITY_ERR: return 4;
+    default: return 0;
+  }
+}
+
+void setHBKTagDefaults(std::uint32_t /*domain*/, void* /*context*/) noexcept {
+  ZqConfigRadSetMaxTagCount(kHbkDomain, kHbkMaxTagCount);
+  for (const hbk_syslog_map_entry& row : hbk_syslog_map) ZqConfigRadSetDefault(row.tag, row.name, 1);
+}
+
+int hbkDomainRegistered() noexcept { return g_hbkDomainRegistered.load(std::memory_order_relaxed); }
+
+void forgetHBKDomainRegistration() noexcept { g_hbkDomainRegistered.store(0, std::memory_order_relaxed); }
+
+}  // namespace nt
+
+extern "C" NODETRACE_API uint32_t getHBKFeatureTag(const char* name) {
+  if (name != nullptr) {
+    for (const hbk_syslog_map_entry& row : hbk_syslog_map) {
+      if (strcasecmp(name, row.name) == 0) return row.tag;
+    }
+  }
+  proc_printf_func("getHBKFeatureTag", 168, "***Error - Feature tag NOT FOUND***");
+  return nt::kUnknownHbkTag;
+}
+
+extern "C" NODETRACE_API uint32_t getDefaultHBKtag(void) { return nt::kSystemHbkTag; }
+
+extern "C" NODETRACE_API int updateSyslogPrint(const char* traceSetName, uint32_t traceSetType,
+                                               uint32_t severity, uint32_t /*category*/,
+                                               const char* fileName, int32_t line,
+                                               uint16_t contentsLength, const void* contents) {
+  nt::ErrnoGuard errnoGuard;
+  const char* setName = traceSetName != nullptr ? traceSetName : "";
+  const char* file = fileName != nullptr ? fileName : "";
+  const uint32_t tag = getHBKFeatureTag(traceSetName);
+  if (nt::g_hbkDomainRegistered.load(std::memory_order_relaxed) == 0) nt::registerDomain(setName);
+
+  if (severity == TRACE_SEVERITY_ERR) {
+    const nt::EntryText text(contents, contentsLength);
+    return ZqSysLogPrintE(4, nt::kSystemHbkTag, "%s:%d [%s]", file, line, text.get());
+  }
+  const uint32_t level = nt::severityToLogLevel(severity);
+  if (traceSetType != TS_STRING) {
+    return ZqSysLogPrintHD(level, contents, contents != nullptr ? contentsLength : 0, "QMB %s DUMP", setName);
+  }
+  const nt::EntryText text(contents, contentsLength);
+  return ZqSysLogPrintE(level, tag, "%s:%d [%s]", file, line, text.get());
+}

@@ -1,0 +1,32 @@
+// Feature tags of the platform log service and the routing of trace entries
+// to it. Internal helpers; the exported functions are in
+// include/nodetrace/logbridge.h.
+#pragma once
+
+#include <cstdint>
+
+namespace nt {
+
+// The library's log domain at the platform's configuration service.
+inline constexpr std::uint32_t kHbkDomain = 26;
+inline constexpr const char* kHbkDomainName = "QMB";
+// Highest feature tag value announced for the domain.
+inline constexpr std::uint32_t kHbkMaxTagCount = 0x1A0025;
+inline constexpr std::uint32_t kSystemHbkTag = 0x1A001E;   // row 30, "System"
+inline constexpr std::uint32_t kUnknownHbkTag = 0x1A001F;  // row 31, "Unknown"
+
+// The platform log level (0..4) of a trace severity; 0 for any value that
+// is not one of the five severity bits.
+std::uint32_t severityToLogLevel(std::uint32_t severity) noexcept;
+
+// Handed to the domain registration: names every feature tag of the table
+// and gives it the default value 1. The arguments are not used.
+void setHBKTagDefaults(std::uint32_t domain, void* context) noexcept;
+
+// 1 once this process registered the log domain successfully.
+int hbkDomainRegistered() noexcept;
+
+// Test hook: the process has not registered the domain.
+void forgetHBKDomainRegistration() noexcept;
+
+}  // namespace nt
