@@ -183,17 +183,17 @@ class EntryPrinter {
         return 0;
       case 'd':
         if (next == 'u' && afterNext == 't') {
-          printDateAndTime();
+          fillDateAndTime();
           std::printf("%s %6uus", date_, microseconds_);
           return 2;
         }
         if (next == 't') {
-          printDateAndTime();
+          fillDateAndTime();
           std::printf("%s %3ums", date_, milliseconds());
           return 1;
         }
         if (next == 'z') {
-          printIsoTime();
+          fillIsoTime();
           std::printf("%sT%s.%03uZ", date_, clock_, milliseconds());
           return 1;
         }
@@ -201,7 +201,7 @@ class EntryPrinter {
         return 0;
       case 'u':
         if (next == 'd' && afterNext == 't') {
-          printDateAndTime();
+          fillDateAndTime();
           std::printf("%s %6uus", date_, microseconds_);
           return 2;
         }
@@ -211,7 +211,7 @@ class EntryPrinter {
           return 1;
         }
         if (next == 'z') {
-          printIsoTime();
+          fillIsoTime();
           std::printf("%sT%s.%06uZ", date_, clock_, microseconds_);
           return 1;
         }
@@ -227,12 +227,12 @@ class EntryPrinter {
   std::uint32_t milliseconds() const noexcept { return microseconds_ / 1000u; }
 
   // Local date and time into the date buffer: "Thu Jan  1 00:00:00 1970".
-  void printDateAndTime() noexcept {
+  void fillDateAndTime() noexcept {
     if (brokenDownTime(Zone::kLocal)) std::strftime(date_, kDateBufferSize, "%a %b %e %T %Y", &time_);
   }
 
   // UTC date into the date buffer and clock time into the clock buffer.
-  void printIsoTime() noexcept {
+  void fillIsoTime() noexcept {
     if (brokenDownTime(Zone::kUtc)) {
       std::strftime(date_, kDateBufferSize, "%F", &time_);
       std::strftime(clock_, kClockBufferSize, "%T", &time_);
