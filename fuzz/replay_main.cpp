@@ -2,10 +2,12 @@
 // any compiler builds the target and the corpus runs as an ordinary test.
 //
 //   trace_masks_replay DIRECTORY|FILE...
+//   print_entry_replay DIRECTORY|FILE...
 //
 // Every regular file of each directory (sorted by name) and every file named
 // directly is one input. Exit status 0 when every input ran; 1 when an
-// argument cannot be read or nothing ran. A failing input aborts.
+// argument cannot be read or nothing ran. A failing input aborts. Progress
+// goes to standard error: a target may send standard output elsewhere.
 
 #include <algorithm>
 #include <cstdio>
@@ -63,10 +65,9 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "%s: cannot be read\n", input.c_str());
       return 1;
     }
-    std::printf("%s (%zu bytes)\n", input.c_str(), bytes.size());
-    std::fflush(stdout);
+    std::fprintf(stderr, "%s (%zu bytes)\n", input.c_str(), bytes.size());
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
   }
-  std::printf("%zu inputs ran\n", inputs.size());
+  std::fprintf(stderr, "%zu inputs ran\n", inputs.size());
   return inputs.empty() ? 1 : 0;
 }

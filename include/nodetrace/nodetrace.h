@@ -180,6 +180,25 @@ NODETRACE_API int setCategoryMask(int16_t id, uint32_t mask);
  *  unknown id. */
 NODETRACE_API int getCategoryMask(int16_t id);
 
+/* ---- Entry formatting ---------------------------------------------------- */
+
+/** Prints one entry of trace set traceSetId as one line on standard output
+ *  (buffered), laid out by format: %C category ("%08X"), %I set name, %P tid,
+ *  %p pid, %S severity letters ("???" for an unknown value, which is also
+ *  recorded in the error trace set), %T monotonic microseconds, %c contents
+ *  (text, or "DUMP <n> bytes"), %i set id ("%3u"), %l "file(line)",
+ *  %n sequence number ("%9u"), and the real time stamp as %t, %dt, %dut,
+ *  %udt, %ut (local time on product type 1, else UTC), %dz and %uz (ISO 8601,
+ *  UTC). Other "%x" print as they are. Entries of TS_DUMP sets are followed
+ *  by a hex dump. descriptor is the set's, entry and contents as the entry
+ *  reader fills them (contents at least 1600 bytes). A trailing newline of
+ *  format is replaced in the caller's string by a zero byte, which is printed
+ *  before the line's newline. format must be shorter than 256 characters.
+ *  A null descriptor prints nothing. */
+NODETRACE_API void printTraceEntry(int16_t traceSetId, const TraceSetStruct *descriptor,
+                                   const TraceEntryHeader *entry, const char *contents,
+                                   char *format);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -145,21 +145,21 @@ std::uint32_t u32At(const Bytes& bytes, std::size_t offset) {
          static_cast<std::uint32_t>(bytes.at(offset + 3)) << 24;
 }
 
-StderrCapture::StderrCapture() {
-  std::fflush(stderr);
-  char name[] = "/tmp/nodetrace-stderr-XXXXXX";
+StreamCapture::StreamCapture(std::FILE* stream) : stream_(stream), fd_(fileno(stream)) {
+  std::fflush(stream_);
+  char name[] = "/tmp/nodetrace-capture-XXXXXX";
   fileFd_ = mkstemp(name);
   unlink(name);
-  savedFd_ = dup(STDERR_FILENO);
-  dup2(fileFd_, STDERR_FILENO);
+  savedFd_ = dup(fd_);
+  dup2(fileFd_, fd_);
 }
 
-StderrCapture::~StderrCapture() { take(); }
+StreamCapture::~StreamCapture() { take(); }
 
-std::string StderrCapture::take() {
+std::string StreamCapture::take() {
   if (savedFd_ == -1) return {};
-  std::fflush(stderr);
-  dup2(savedFd_, STDERR_FILENO);
+  std::fflush(stream_);
+  dup2(savedFd_, fd_);
   close(savedFd_);
   savedFd_ = -1;
   std::string text;

@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -62,19 +63,32 @@ SramEntry readSramEntry(const std::string& sramPath, int region, unsigned slot);
 std::uint16_t u16At(const Bytes& bytes, std::size_t offset);
 std::uint32_t u32At(const Bytes& bytes, std::size_t offset);
 
-// Redirects file descriptor 2 (also of child processes) into a file until
-// take() or destruction.
-class StderrCapture {
+// Redirects the file descriptor of stream (stdout or stderr; also of child
+// processes) into a file until take() or destruction. take() flushes the
+// stream first and returns every byte written, zero bytes included.
+class StreamCapture {
  public:
-  StderrCapture();
-  ~StderrCapture();
-  StderrCapture(const StderrCapture&) = delete;
-  StderrCapture& operator=(const StderrCapture&) = delete;
+  explicit StreamCapture(std::FILE* stream);
+  ~StreamCapture();
+  StreamCapture(const StreamCapture&) = delete;
+  StreamCapture& operator=(const StreamCapture&) = delete;
   std::string take();
 
  private:
+  std::FILE* stream_;
+  int fd_;
   int savedFd_ = -1;
   int fileFd_ = -1;
+};
+
+class StderrCapture : public StreamCapture {
+ public:
+  StderrCapture() : StreamCapture(stderr) {}
+};
+
+class StdoutCapture : public StreamCapture {
+ public:
+  StdoutCapture() : StreamCapture(stdout) {}
 };
 
 // Runs body in a forked child and returns its exit status, or 128 + the
