@@ -145,21 +145,21 @@ std::uint32_t u32At(const Bytes& bytes, std::size_t offset) {
          static_cast<std::uint32_t>(bytes.at(offset + 3)) << 24;
 }
 
-StderrCapture::StderrCapture() {
-  std::fflush(stderr);
-  char name[] = "/tmp/nodetrace-stderr-XXXXXX";
+FdCapture::FdCapture(int fd) : fd_(fd) {
+  std::fflush(nullptr);
+  char name[] = "/tmp/nodetrace-capture-XXXXXX";
   fileFd_ = mkstemp(name);
   unlink(name);
-  savedFd_ = dup(STDERR_FILENO);
-  dup2(fileFd_, STDERR_FILENO);
+  savedFd_ = dup(fd_);
+  dup2(fileFd_, fd_);
 }
 
-StderrCapture::~StderrCapture() { take(); }
+FdCapture::~FdCapture() { take(); }
 
-std::string StderrCapture::take() {
+std::string FdCapture::take() {
   if (savedFd_ == -1) return {};
-  std::fflush(stderr);
-  dup2(savedFd_, STDERR_FILENO);
+  std::fflush(nullptr);
+  dup2(savedFd_, fd_);
   close(savedFd_);
   savedFd_ = -1;
   std::string text;
@@ -171,6 +171,10 @@ std::string StderrCapture::take() {
   fileFd_ = -1;
   return text;
 }
+
+StderrCapture::StderrCapture() : FdCapture(STDERR_FILENO) {}
+
+StdoutCapture::StdoutCapture() : FdCapture(STDOUT_FILENO) {}
 
 int runInChild(const std::function<int()>& body) {
   std::fflush(nullptr);

@@ -62,19 +62,30 @@ SramEntry readSramEntry(const std::string& sramPath, int region, unsigned slot);
 std::uint16_t u16At(const Bytes& bytes, std::size_t offset);
 std::uint32_t u32At(const Bytes& bytes, std::size_t offset);
 
-// Redirects file descriptor 2 (also of child processes) into a file until
-// take() or destruction.
-class StderrCapture {
+// Redirects a file descriptor (also of child processes) into a file until
+// take() or destruction; stdio buffers are flushed on both ends.
+class FdCapture {
  public:
-  StderrCapture();
-  ~StderrCapture();
-  StderrCapture(const StderrCapture&) = delete;
-  StderrCapture& operator=(const StderrCapture&) = delete;
+  explicit FdCapture(int fd);
+  ~FdCapture();
+  FdCapture(const FdCapture&) = delete;
+  FdCapture& operator=(const FdCapture&) = delete;
   std::string take();
 
  private:
+  int fd_;
   int savedFd_ = -1;
   int fileFd_ = -1;
+};
+
+// Standard error (fd 2) and standard output (fd 1).
+class StderrCapture : public FdCapture {
+ public:
+  StderrCapture();
+};
+class StdoutCapture : public FdCapture {
+ public:
+  StdoutCapture();
 };
 
 // Runs body in a forked child and returns its exit status, or 128 + the
