@@ -14,8 +14,10 @@
 #include <fstream>
 #include <sstream>
 
+#include "logbridge/log_file.h"
 #include "tests/support/recording_platform.h"
 #include "trace/node_names.h"
+#include "trace/syscalls.h"
 #include "trace/trace_system.h"
 
 #ifndef NODETRACE_TEST_TOOLS_DIR
@@ -47,6 +49,8 @@ void NodeTest::SetUp() {
   }
   setenv("NODETRACE_TEST_TOOL_LOG", (root_ + "/tools.log").c_str(), 1);
   resetPlatformDouble();
+  sys::resetSyslogCapture();
+  resetLogBridgeForTests();  // its paths follow the node names just set
 }
 
 void NodeTest::TearDown() {
@@ -56,6 +60,8 @@ void NodeTest::TearDown() {
   std::error_code ignored;
   std::filesystem::remove_all(root_, ignored);
   restoreNodeNames();
+  resetLogBridgeForTests();
+  sys::resetSyslogCapture();
   pthread_sigmask(SIG_SETMASK, &savedMask_, nullptr);
 }
 
@@ -145,21 +151,21 @@ std::uint32_t u32At(const Bytes& bytes, std::size_t offset) {
          static_cast<std::uint32_t>(bytes.at(offset + 3)) << 24;
 }
 
-StderrCapture::StderrCapture() {
-  std::fflush(stderr);
-  char name[] = "/tmp/nodetrace-stderr-XXXXXX";
+FdCapture::FdCapture(int fd, std::FILE* stream) : fd_(fd), stream_(stream) {
+  std::fflush(stream_);
+  char name[] = "/tmp/nodetrace-capture-XXXXXX";
   fileFd_ = mkstemp(name);
   unlink(name);
-  savedFd_ = dup(STDERR_FILENO);
-  dup2(fileFd_, STDERR_FILENO);
+  savedFd_ = dup(fd_);
+  dup2(fileFd_, fd_);
 }
 
-StderrCapture::~StderrCapture() { take(); }
+FdCapture::~FdCapture() { take(); }
 
-std::string StderrCapture::take() {
+std::string FdCapture::take() {
   if (savedFd_ == -1) return {};
-  std::fflush(stderr);
-  dup2(savedFd_, STDERR_FILENO);
+  std::fflush(stream_);
+  dup2(savedFd_, fd_);
   close(savedFd_);
   savedFd_ = -1;
   std::string text;

@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -62,19 +63,33 @@ SramEntry readSramEntry(const std::string& sramPath, int region, unsigned slot);
 std::uint16_t u16At(const Bytes& bytes, std::size_t offset);
 std::uint32_t u32At(const Bytes& bytes, std::size_t offset);
 
-// Redirects file descriptor 2 (also of child processes) into a file until
-// take() or destruction.
-class StderrCapture {
+// Redirects a file descriptor (also of child processes) into a file until
+// take() or destruction; the stream on it is flushed first and at take().
+class FdCapture {
  public:
-  StderrCapture();
-  ~StderrCapture();
-  StderrCapture(const StderrCapture&) = delete;
-  StderrCapture& operator=(const StderrCapture&) = delete;
+  FdCapture(int fd, std::FILE* stream);
+  ~FdCapture();
+  FdCapture(const FdCapture&) = delete;
+  FdCapture& operator=(const FdCapture&) = delete;
   std::string take();
 
  private:
+  int fd_;
+  std::FILE* stream_;
   int savedFd_ = -1;
   int fileFd_ = -1;
+};
+
+// Standard error (descriptor 2) of this process and its children.
+class StderrCapture : public FdCapture {
+ public:
+  StderrCapture() : FdCapture(2, stderr) {}
+};
+
+// Standard output (descriptor 1 and stdout's buffer).
+class StdoutCapture : public FdCapture {
+ public:
+  StdoutCapture() : FdCapture(1, stdout) {}
 };
 
 // Runs body in a forked child and returns its exit status, or 128 + the
