@@ -78,15 +78,19 @@ void registerDomain(const char* traceSetName) noexcept {
   }
 }
 
-// Contents as text: the entry's bytes are printed with %s, so bytes without
-// a zero byte within contentsLength (a dump's, or damaged text) are copied
-// and terminated first rather than read past their end.
+// Contents as text for a "%s" line. The contents of a text set are the
+// writer's zero-terminated text, printed whole: its length is not always
+// known here (an error-class entry arrives with the caller's length, which
+// tracePrintf leaves at 0). The bytes of a dump set's error entry need not
+// hold a zero byte, so they are printed up to their first zero byte within
+// contentsLength, copied and terminated when there is none, and never read
+// past their end.
 class EntryText {
  public:
-  EntryText(const void* contents, std::uint16_t contentsLength) noexcept {
+  EntryText(const void* contents, std::uint16_t contentsLength, bool isText) noexcept {
     if (contents == nullptr) return;
     const auto* bytes = static_cast<const char*>(contents);
-    if (std::memchr(bytes, '\0', contentsLength) != nullptr) {
+    if (isText || std::memchr(bytes, '\0', contentsLength) != nullptr) {
       text_ = bytes;
       return;
     }
@@ -152,13 +156,13 @@ extern "C" NODETRACE_API int updateSyslogPrint(const char* traceSetName, uint32_
   if (nt::g_hbkDomainRegistered.load(std::memory_order_relaxed) == 0) nt::registerDomain(setName);
 
   if (severity == TRACE_SEVERITY_ERR) {
-    const nt::EntryText text(contents, contentsLength);
+    const nt::EntryText text(contents, contentsLength, traceSetType == TS_STRING);
     return ZqSysLogPrintE(4, nt::kSystemHbkTag, "%s:%d [%s]", file, line, text.get());
   }
   const uint32_t level = nt::severityToLogLevel(severity);
   if (traceSetType != TS_STRING) {
     return ZqSysLogPrintHD(level, contents, contents != nullptr ? contentsLength : 0, "QMB %s DUMP", setName);
   }
-  const nt::EntryText text(contents, contentsLength);
+  const nt::EntryText text(contents, contentsLength, true);
   return ZqSysLogPrintE(level, tag, "%s:%d [%s]", file, line, text.get());
 }

@@ -26,8 +26,11 @@ typedef struct hbk_syslog_map_entry {
 /** Number of rows of hbk_syslog_map. */
 #define HBK_SYSLOG_MAP_ROWS 32
 
-/** The feature tag table: row i holds the tag 0x1A0000 + i. Row 30 is
- *  "System" (0x1A001E, the default tag), row 31 "Unknown" (0x1A001F). */
+/** The feature tag table: row i holds the tag 0x1A0000 + i. Rows 0 to 29
+ *  name the node's application families as their trace sets are called
+ *  ("Platform", "Config", "Alarm", ... "Radio", ... "RemoteUnit"); row 30 is
+ *  "System" (0x1A001E, the default tag, also taken by every error entry),
+ *  row 31 "Unknown" (0x1A001F, for names no row holds). */
 NODETRACE_API extern const hbk_syslog_map_entry hbk_syslog_map[HBK_SYSLOG_MAP_ROWS];
 
 /** The feature tag of the row called name, compared without regard to case.
@@ -38,18 +41,24 @@ NODETRACE_API uint32_t getHBKFeatureTag(const char *name);
 NODETRACE_API uint32_t getDefaultHBKtag(void);
 
 /** Forwards one stored trace entry to the platform log service: error
- *  entries (severity 0x80) as a text line under "System", entries of dump
- *  sets (traceSetType not 0) as a hex dump, text entries as a line under the
- *  set's feature tag. Registers the log domain "QMB" first if this process
- *  has not done so successfully yet. category is not used. Returns the
- *  platform print call's result. */
+ *  entries (severity 0x80) as a text line "file:line [text]" under "System"
+ *  at level 4, entries of dump sets (traceSetType not 0) as a hex dump of
+ *  contentsLength bytes titled "QMB <set> DUMP", text entries as a line
+ *  under the set's feature tag. Levels: NOT 2, DBG 1, INF 2, WAR 3, any
+ *  other severity 0. Text ends at its first zero byte, and never later than
+ *  contentsLength bytes. Registers the log domain "QMB" first if this
+ *  process has not done so successfully yet (retried with every entry until
+ *  it succeeds). category is not used. Returns the platform print call's
+ *  result. */
 NODETRACE_API int updateSyslogPrint(const char *traceSetName, uint32_t traceSetType,
                                     uint32_t severity, uint32_t category,
                                     const char *fileName, int32_t line,
                                     uint16_t contentsLength, const void *contents);
 
 /** Writes one line "<process name>: <line> : <functionName>() -> <message>"
- *  (at most 199 characters) to the local log. */
+ *  to the local log, cut to 199 characters, prefix included. A message that
+ *  formats to nothing is replaced by the format text as it stands. If the
+ *  prefix cannot be formatted, syslog gets the failure and the line is lost. */
 NODETRACE_API void proc_printf_func(const char *functionName, uint32_t line,
                                     const char *format, ...)
     __attribute__((format(printf, 3, 4)));
@@ -63,19 +72,25 @@ NODETRACE_API void file_printf_func(const char *fileName, uint32_t line,
 NODETRACE_API void appendQmbwSwIdentityToSyslog(void);
 
 /** Where local log lines go: 0 standard output, 1 the log file (initially),
- *  2 the log file and standard output, 3 or more nowhere. */
+ *  2 the log file and standard output, 3 or more nowhere. Not checked. The
+ *  file is checked every 20 lines written to it; at 51200 bytes its last 200
+ *  lines are saved in TMGR_HBK_LOG_FILE_NAME_TMP and it is emptied, leaving
+ *  a note that names the saved file. */
 NODETRACE_API void setHBKLogMode(uint32_t mode);
 
-/** Empties the local log file; with withNote not 0 it then holds one line
- *  that points to the saved tail file. */
+/** Empties the local log file; with withNote not 0 it then holds the line
+ *  "File is truncated - For OLD logs check <TMGR_HBK_LOG_FILE_NAME_TMP>".
+ *  A file that does not open is reported to syslog by its base name. */
 NODETRACE_API void flushHBKLogFile(int32_t withNote);
 
-/** Path of the local log file, initially "/opt/qmb/etc/hbk_log.txt". A
- *  process may point it elsewhere before it logs. */
+/** Path of the local log file, initially "/opt/qmb/etc/hbk_log.txt" (below
+ *  the build's path prefix, if it has one). A process may point it elsewhere,
+ *  best before it logs; the directory must exist. */
 NODETRACE_API extern const char *TMGR_HBK_LOG_FILE_NAME;
 
 /** Path of the saved tail of the local log file, initially
- *  "/opt/qmb/etc/hbk_log.txt_tmp". */
+ *  "/opt/qmb/etc/hbk_log.txt_tmp" (below the build's path prefix, if any). A
+ *  process may point it elsewhere too. */
 NODETRACE_API extern const char *TMGR_HBK_LOG_FILE_NAME_TMP;
 
 #ifdef __cplusplus

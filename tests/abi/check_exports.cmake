@@ -17,8 +17,10 @@ set(exported "")
 foreach(line IN LISTS nm_lines)
   if(line MATCHES "^[0-9a-fA-F]* *[A-Za-z] (.+)$")
     string(REGEX REPLACE "@.*$" "" name "${CMAKE_MATCH_1}")
-    # Symbols every linker adds to a shared object.
-    if(NOT name MATCHES "^(_init|_fini|__bss_start|_edata|_end|__bss_start__|__bss_end__|_bss_end__|__end__)$")
+    # Symbols every linker adds to a shared object, and the indicators that
+    # AddressSanitizer adds beside each exported variable.
+    if(NOT name MATCHES "^(_init|_fini|__bss_start|_edata|_end|__bss_start__|__bss_end__|_bss_end__|__end__)$"
+       AND NOT name MATCHES "^__odr_asan[._]")
       list(APPEND exported "${name}")
     endif()
   endif()

@@ -14,8 +14,10 @@
 #include <fstream>
 #include <sstream>
 
+#include "logbridge/log_file.h"
 #include "tests/support/recording_platform.h"
 #include "trace/node_names.h"
+#include "trace/syscalls.h"
 #include "trace/trace_system.h"
 
 #ifndef NODETRACE_TEST_TOOLS_DIR
@@ -47,6 +49,8 @@ void NodeTest::SetUp() {
   }
   setenv("NODETRACE_TEST_TOOL_LOG", (root_ + "/tools.log").c_str(), 1);
   resetPlatformDouble();
+  sys::resetSyslogCapture();
+  resetLogBridgeForTests();  // its paths follow the node names just set
 }
 
 void NodeTest::TearDown() {
@@ -56,6 +60,8 @@ void NodeTest::TearDown() {
   std::error_code ignored;
   std::filesystem::remove_all(root_, ignored);
   restoreNodeNames();
+  resetLogBridgeForTests();
+  sys::resetSyslogCapture();
   pthread_sigmask(SIG_SETMASK, &savedMask_, nullptr);
 }
 

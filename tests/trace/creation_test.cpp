@@ -1,10 +1,12 @@
 // Creating trace sets and attaching to them: the name rules and their
 // records in the error trace set, the limits of the table and of the entry
 // area, and the category mask from the trace mask file.
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "tests/support/node_test.h"
 #include "trace/shared_access.h"
@@ -76,6 +78,16 @@ TEST_F(CreationTest, CreatesTheFirstSetAtTheStartOfTheEntryArea) {
   EXPECT_EQ(descriptorBytes(1), expectedDescriptor("Dumps", TS_DUMP, 0xFF, 3, 1600, 9848 + 2080));
   EXPECT_EQ(nextFreeOffset(), 9848u + 2080u + 3u * 1680u);
   EXPECT_EQ(readSramDescriptor(sram(), 0).curentNumberEntries, 0);  // nothing recorded
+}
+
+TEST_F(CreationTest, SetsTheProcessSyslogIdentity) {
+  sys::captureSyslog(true);
+  std::int16_t id = -1;
+  EXPECT_EQ(initTraceSet("Radio", TS_STRING, 10, 128, 0x0F, &id), 0);
+  EXPECT_EQ(initTraceSet("7bad", TS_STRING, 10, 128, 0x0F, &id), TRACE_RC_BAD_ARGUMENT);
+  // Every call, refused or not, before anything else.
+  const std::vector<sys::OpenlogRecord> expected(2, sys::OpenlogRecord{"QMB_SW", LOG_PID, LOG_USER});
+  EXPECT_EQ(sys::capturedOpenlog(), expected);
 }
 
 TEST_F(CreationTest, NameStartingWithADigitIsRefusedAndRecorded) {
