@@ -5,9 +5,13 @@
  * the node-wide lock creates the shared-memory object "/shmem_Trace" and
  * rewrites the SRAM file, the other attaches. The demo then asks the
  * registry about the two persistent trace sets, "System" and "NVJ_System",
- * creates two trace sets of its own, changes their masks and the node's
- * severity filter, and shows where the library records a refused request: in
- * the persistent error trace set, read back from the SRAM file.
+ * creates two trace sets of its own and changes their masks and the node's
+ * severity filter. Then the library's main job: two processes write text and
+ * dump entries into their sets at the same time (a warning of one goes to the
+ * persistent error trace set), and a third reads every entry back, prints the
+ * merged stream in the order the entries were written and reports on all
+ * trace sets. Last, the local log file of the log bridge and a refused
+ * request recorded in the persistent error trace set.
  *
  * Build the library with -DNODETRACE_PATH_PREFIX=<dir> to keep the node's
  * files (/var/log/sram, /ffs/run/logs, ...) under <dir> on a host; the demo
@@ -18,12 +22,15 @@
 #include <errno.h>
 #include <semaphore.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include "nodetrace/logbridge.h"
 #include "nodetrace/nodetrace.h"
 
 #ifndef NODETRACE_DEMO_ROOT
@@ -61,34 +68,81 @@ static void printDescriptor(const char *name) {
          (unsigned)set->dataOffset, (unsigned)set->curentNumberEntries, (unsigned)set->creatorPid);
 }
 
-/* Reads slot `slot` of the error trace set straight from the SRAM file, as a
- * tool on the node would after a reset. */
-static void printErrorTraceEntry(const char *root, unsigned slot) {
-  char path[512];
-  snprintf(path, sizeof path, "%s/var/log/sram", root);
-  FILE *file = fopen(path, "rb");
-  TraceEntryHeader entry;
-  char text[TRACE_MAX_STRING_LENGTH + 1] = "";
-  const long offset = (long)(TRACE_SRAM_SYSTEM_DATA_OFFSET + slot * TRACE_SRAM_SLOT_SIZE);
-  if (file == NULL || fseek(file, offset, SEEK_SET) != 0 || fread(&entry, sizeof entry, 1, file) != 1 ||
-      fread(text, TRACE_MAX_STRING_LENGTH, 1, file) != 1) {
-    printf("  cannot read %s\n", path);
-    if (file != NULL) fclose(file);
+/* The layout of every printed entry: ISO 8601 UTC time, severity, set name,
+ * source position, pid and contents (dump entries add their hex rows). */
+#define ENTRY_FORMAT "%dz %S %I %l pid %p: %c"
+
+typedef struct EntryRef {
+  int16_t set;
+  uint16_t slot;
+  uint32_t sequenceNumber;
+} EntryRef;
+
+static int bySequenceNumber(const void *a, const void *b) {
+  const uint32_t x = ((const EntryRef *)a)->sequenceNumber;
+  const uint32_t y = ((const EntryRef *)b)->sequenceNumber;
+  return x < y ? -1 : x > y;
+}
+
+static void printEntry(int16_t set, uint16_t slot) {
+  static char contents[TRACE_MAX_DUMP_LENGTH];
+  TraceEntryHeader copy; /* filled for the sets of the SRAM file */
+  TraceEntryHeader *entry = &copy;
+  getTraceEntry(set, slot, &entry, contents);
+  const TraceSetStruct *descriptor = getTraceSetStruct((uint16_t)set);
+  if (entry == NULL || descriptor == NULL) return;
+  char format[] = "  " ENTRY_FORMAT;
+  printTraceEntry(set, descriptor, entry, contents, format);
+}
+
+/* Every entry of the user sets and of "System", merged into one stream in
+ * the order they were written (their node-wide sequence numbers). */
+static void printAllEntries(void) {
+  static EntryRef refs[4096];
+  static char contents[TRACE_MAX_DUMP_LENGTH];
+  size_t count = 0;
+  const int sets = getCurrentNumberTraceSets();
+  for (int id = -1; id < sets; ++id) {
+    const int16_t set = id < 0 ? (int16_t)SYSTEM_TRACE_SET_ID : (int16_t)id;
+    const TraceSetStruct *descriptor = getTraceSetStruct((uint16_t)set);
+    const unsigned entries = descriptor != NULL ? descriptor->curentNumberEntries : 0u;
+    for (unsigned slot = 0; slot < entries && count < sizeof refs / sizeof refs[0]; ++slot) {
+      TraceEntryHeader copy;
+      TraceEntryHeader *entry = &copy;
+      getTraceEntry(set, (uint16_t)slot, &entry, contents);
+      if (entry == NULL) continue;
+      refs[count].set = set;
+      refs[count].slot = (uint16_t)slot;
+      refs[count].sequenceNumber = entry->sequenceNumber;
+      ++count;
+    }
+  }
+  qsort(refs, count, sizeof refs[0], bySequenceNumber);
+  for (size_t i = 0; i < count; ++i) printEntry(refs[i].set, refs[i].slot);
+}
+
+static void printLocalLog(const char *path) {
+  FILE *file = fopen(path, "r");
+  char line[256];
+  if (file == NULL) {
+    printf("  (no %s)\n", path);
     return;
   }
+  while (fgets(line, sizeof line, file) != NULL) printf("  %s", line);
   fclose(file);
-  printf("  %s, slot %u at file offset %ld: #%u severity 0x%02X category 0x%08X %s(%d) pid %u\n"
-         "    \"%s\"\n",
-         path, slot, offset, (unsigned)entry.sequenceNumber, (unsigned)entry.severity,
-         (unsigned)entry.category, entry.fileName, (int)entry.line, (unsigned)entry.pid, text);
 }
+
+static int16_t g_radio = -1;
+static int16_t g_frames = -1;
 
 static void createSets(void) {
   int16_t radio = -1;
   int16_t frames = -1;
   int rc = initTraceSet("Radio", TS_STRING, 32, 128, 0x0000000F, &radio);
+  g_radio = radio;
   printf("  initTraceSet(\"Radio\", text, 32 x 128 bytes, mask 0x0000000F): %d, id %d\n", rc, radio);
   rc = initTraceSet("Frames", TS_DUMP, 8, 256, 0xFFFFFFFF, &frames);
+  g_frames = frames;
   printf("  initTraceSet(\"Frames\", dump, 8 x 256 bytes, mask 0xFFFFFFFF): %d, id %d\n", rc, frames);
 
   /* Another process attaches to "Radio" and widens its category mask. */
@@ -124,6 +178,71 @@ static void changeSeverityFilter(const char *root) {
          (unsigned)getSeverityFilter(), path, text);
   modifySeverityMask(TRACE_SEVERITY_DBG, 0);
   printf("  debug off again: 0x%02X\n", (unsigned)getSeverityFilter());
+}
+
+static void pauseMs(long ms) {
+  const struct timespec pause = {0, ms * 1000000L};
+  nanosleep(&pause, NULL);
+}
+
+/* The radio application: text entries of each kind. */
+static void radioProcess(void) {
+  TRACE_INF(g_radio, 0x1, "link %d up at %u kbit/s", 1, 2048u);
+  pauseMs(2);
+  TRACE_DBG(g_radio, 0x1, "not stored: the severity filter drops debug");
+  TRACE_INF(g_radio, 0x10, "peer %s answered after %d ms", "10.0.0.7", 12);
+  pauseMs(2);
+  TRACE_WAR(g_radio, 0x1, "link %d: %u CRC errors", 2, 17u); /* to "System" */
+  pauseMs(2);
+  TRACE_INF(g_radio, 0x1, "a trailing line feed is not stored\n");
+}
+
+/* The frame application: dump entries of received frames. */
+static void framesProcess(void) {
+  unsigned char frame[40];
+  for (unsigned i = 0; i < sizeof frame; ++i) frame[i] = (unsigned char)(0x30 + i);
+  pauseMs(1);
+  TRACE_DUMP(g_frames, TRACE_SEVERITY_INF, 0x100, frame, 20);
+  pauseMs(2);
+  TRACE_DUMP(g_frames, TRACE_SEVERITY_INF, 0x001, frame, 40); /* outside the mask */
+  frame[0] = 0x7F;
+  frame[1] = 0x00;
+  TRACE_DUMP(g_frames, TRACE_SEVERITY_INF, 0x100, frame, sizeof frame);
+}
+
+static void writeAndRead(void) {
+  void (*writers[2])(void) = {radioProcess, framesProcess};
+  int gate[2];
+  if (pipe(gate) != 0) return;
+  fflush(stdout);
+  for (int i = 0; i < 2; ++i) {
+    if (fork() == 0) {
+      char byte;
+      close(gate[1]);
+      while (read(gate[0], &byte, 1) > 0) {
+      }
+      writers[i]();
+      _exit(0);
+    }
+  }
+  close(gate[0]);
+  close(gate[1]);
+  while (wait(NULL) > 0) {
+  }
+  printf("  done: %u entries written on the node so far\n", (unsigned)getTotalNumberTraceEntries());
+
+  printf("\na third process reads them back, merged in the order they were written\n"
+         "(format \"%s\"):\n", ENTRY_FORMAT);
+  fflush(stdout);
+  if (fork() == 0) {
+    printAllEntries();
+    printf("\nand reports on all trace sets (printTraceSetsInfo(1)):");
+    const int32_t rc = printTraceSetsInfo(1);
+    printf("  result %d\n", (int)rc);
+    fflush(stdout);
+    _exit(0);
+  }
+  wait(NULL);
 }
 
 int main(int argc, char **argv) {
@@ -183,6 +302,16 @@ int main(int argc, char **argv) {
   printf("\nthe node-wide severity filter:\n");
   changeSeverityFilter(root);
 
+  printf("\ntwo applications trace at the same time: \"Radio\" text, \"Frames\" dumps\n");
+  writeAndRead();
+
+  char logPath[512];
+  snprintf(logPath, sizeof logPath, "%s", TMGR_HBK_LOG_FILE_NAME);
+  printf("\nevery stored entry went on to the platform log service under its set's feature\n"
+         "tag (\"Radio\" 0x%06X, \"Frames\" unknown: 0x%06X); the bridge's own lines are in\n"
+         "%s:\n", (unsigned)getHBKFeatureTag("Radio"), (unsigned)hbk_syslog_map[HBK_SYSLOG_MAP_ROWS - 1].tag, logPath);
+  printLocalLog(logPath);
+
   printf("\na refused request lands in the persistent error trace set:\n");
   int16_t id = 99;
   const int rc = initTraceSet("2ndRadio", TS_STRING, 8, 128, 1, &id);
@@ -191,7 +320,7 @@ int main(int argc, char **argv) {
          system != NULL ? (unsigned)system->curentNumberEntries : 0u);
   if (system != NULL && system->curentNumberEntries > 0) {
     const unsigned newest = (system->writeIndex + system->maxNumberEntries - 1u) % system->maxNumberEntries;
-    printErrorTraceEntry(root, newest);
+    printEntry((int16_t)SYSTEM_TRACE_SET_ID, (uint16_t)newest);
   }
   return 0;
 }
