@@ -1,11 +1,8 @@
-// The node platform for benchmarks: the log service accepts every line and
-// prints nothing, so that a benchmark measures the library's own work and
-// not the machine's syslog. File wrappers are the real calls.
-
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstdio>
+// The node platform's log service for benchmarks: it accepts every line and
+// prints nothing, so that a benchmark measures the library's own work and not
+// the machine's syslog. These definitions in the benchmark executable take
+// precedence over the host platform library's; its file wrappers, environment
+// and reset counter are used as they are.
 
 #include "nodeplatform/nodeplatform.h"
 
@@ -27,31 +24,5 @@ int ZqSysLogPrintHD(uint32_t /*level*/, const void* /*data*/, uint32_t /*length*
                     const char* /*format*/, ...) {
   return 0;
 }
-
-int omluOpenFile(const char* path, int flags, const char* /*srcFile*/, int /*srcLine*/) {
-  return open(path, flags);
-}
-
-int omluOpenFileWithMode(const char* path, int flags, mode_t mode, const char* /*srcFile*/,
-                         int /*srcLine*/) {
-  return open(path, flags, mode);
-}
-
-int omluCloseFile(int fd, const char* /*srcFile*/, const char* /*label*/, int /*srcLine*/) {
-  return close(fd);
-}
-
-int omluCloseNoLog(int* fd) {
-  if (fd == nullptr || *fd < 0) return -1;
-  const int rc = close(*fd);
-  *fd = -1;
-  return rc;
-}
-
-int omluFcloseNoLog(FILE* stream) { return stream != nullptr ? std::fclose(stream) : EOF; }
-
-int envInfoProductType(void) { return 0; }
-
-int getResetCnt(int /*which*/) { return 0; }
 
 }  // extern "C"

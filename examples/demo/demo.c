@@ -210,18 +210,20 @@ static void framesProcess(void) {
   TRACE_DUMP(g_frames, TRACE_SEVERITY_INF, 0x100, frame, sizeof frame);
 }
 
-static void writeAndRead(void) {
-  void (*writers[2])(void) = {radioProcess, framesProcess};
+/* Runs each of the bodies in a process of its own, all released at the same
+ * instant (when the gate pipe closes), and waits for them. */
+static void runTogether(void (*const bodies[])(void), int count) {
   int gate[2];
   if (pipe(gate) != 0) return;
   fflush(stdout);
-  for (int i = 0; i < 2; ++i) {
+  for (int i = 0; i < count; ++i) {
     if (fork() == 0) {
       char byte;
       close(gate[1]);
       while (read(gate[0], &byte, 1) > 0) {
       }
-      writers[i]();
+      bodies[i]();
+      fflush(stdout);
       _exit(0);
     }
   }
@@ -229,6 +231,17 @@ static void writeAndRead(void) {
   close(gate[1]);
   while (wait(NULL) > 0) {
   }
+}
+
+static void startTracing(void) {
+  const int sets = getCurrentNumberTraceSets(); /* first call: start-up */
+  printf("process %d started tracing: %d user trace sets, %u entries so far\n", (int)getpid(), sets,
+         (unsigned)getTotalNumberTraceEntries());
+}
+
+static void writeAndRead(void) {
+  void (*const writers[2])(void) = {radioProcess, framesProcess};
+  runTogether(writers, 2);
   printf("  done: %u entries written on the node so far\n", (unsigned)getTotalNumberTraceEntries());
 
   printf("\na third process reads them back, merged in the order they were written\n"
@@ -266,25 +279,8 @@ int main(int argc, char **argv) {
   }
 
   /* Two processes start tracing at the same instant. */
-  int gate[2];
-  if (pipe(gate) != 0) return 1;
-  fflush(stdout);
-  for (int i = 0; i < 2; ++i) {
-    if (fork() == 0) {
-      char byte;
-      close(gate[1]);
-      while (read(gate[0], &byte, 1) > 0) {
-      }
-      const int sets = getCurrentNumberTraceSets(); /* first call: start-up */
-      printf("process %d started tracing: %d user trace sets, %u entries so far\n", (int)getpid(),
-             sets, (unsigned)getTotalNumberTraceEntries());
-      return 0;
-    }
-  }
-  close(gate[0]);
-  close(gate[1]);
-  while (wait(NULL) > 0) {
-  }
+  void (*const starters[2])(void) = {startTracing, startTracing};
+  runTogether(starters, 2);
 
   printf("\nthe registry, asked by process %d:\n", (int)getpid());
   printDescriptor("System");
