@@ -32,7 +32,8 @@ __attribute__((format(printf, 5, 0))) void writeFormattedLine(const char* name, 
     return;
   }
   // A prefix that fills the line leaves no room for the message.
-  if (n >= 1 && static_cast<std::size_t>(n) < kLineLimit) {
+  // A null format is an empty message.
+  if (format != nullptr && n >= 1 && static_cast<std::size_t>(n) < kLineLimit) {
     char* message = buffer + n;
     const std::size_t room = kLineLimit - static_cast<std::size_t>(n);
     if (std::vsnprintf(message, room, format, args) < 1) {
@@ -53,8 +54,8 @@ extern "C" NODETRACE_API void proc_printf_func(const char* functionName, uint32_
   nt::ErrnoGuard errnoGuard;
   va_list args;
   va_start(args, format);
-  nt::writeFormattedLine(program_invocation_short_name, line, nt::orEmpty(functionName), "proc_printf_func",
-                         nt::orEmpty(format), args);
+  nt::writeFormattedLine(program_invocation_short_name, line, nt::orEmpty(functionName), "proc_printf_func", format,
+                         args);
   va_end(args);
 }
 
@@ -63,8 +64,8 @@ extern "C" NODETRACE_API void file_printf_func(const char* fileName, uint32_t li
   nt::ErrnoGuard errnoGuard;
   va_list args;
   va_start(args, format);
-  nt::writeFormattedLine(nt::orEmpty(fileName), line, nt::orEmpty(functionName), "file_printf_func",
-                         nt::orEmpty(format), args);
+  nt::writeFormattedLine(nt::orEmpty(fileName), line, nt::orEmpty(functionName), "file_printf_func", format,
+                         args);
   va_end(args);
 }
 

@@ -290,14 +290,16 @@ NODETRACE_API int tracePrintf(uint16_t traceSetId, uint32_t severity, uint32_t c
     const TraceSetStruct* descriptor = nt::descriptorOf(traceSetId);
     if (descriptor != nullptr && !nt::passesFilters(severity, category, descriptor)) return 0;
   }
-  char text[nt::kFormatBufferSize];
-  va_list args;
-  va_start(args, format);
-  // "%m" in the format prints the caller's errno, not one left behind by
-  // the start-up above.
-  errno = callerErrno;
-  std::vsnprintf(text, sizeof text, format == nullptr ? "" : format, args);
-  va_end(args);
+  char text[nt::kFormatBufferSize] = "";
+  if (format != nullptr) {  // a null format gives an empty entry
+    va_list args;
+    va_start(args, format);
+    // "%m" in the format prints the caller's errno, not one left behind by
+    // the start-up above.
+    errno = callerErrno;
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+  }
   return nt::addEntry(traceSetId, TS_STRING, severity, category, file, line, 0, text);
 }
 
