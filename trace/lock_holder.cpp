@@ -161,16 +161,18 @@ HolderIdentity loadHolder(const TraceMemoryHeader* header) noexcept {
 }
 
 void recordHolder(TraceMemoryHeader* header, HolderIdentity identity) noexcept {
-  const HolderIdentity before =
-      std::atomic_ref<HolderIdentity>(*holderWord(header)).exchange(identity, std::memory_order_acq_rel);
   // Normally nobody is recorded here; a start-up waiter's claim that lost to
-  // this holder leaves nothing worth restoring.
+  // this holder leaves nothing worth restoring. Such a claim may also land
+  // between the load and the store: the store wins, and the claimer sees
+  // that it lost.
+  const HolderIdentity before = loadHolder(header);
   g_restingWord.store(holderTid(before) == 0 ? before : 0, std::memory_order_relaxed);
+  std::atomic_ref<HolderIdentity>(*holderWord(header)).store(identity, std::memory_order_release);
 }
 
 void clearHolder(TraceMemoryHeader* header) noexcept {
   std::atomic_ref<HolderIdentity>(*holderWord(header))
-      .store(g_restingWord.exchange(0, std::memory_order_relaxed), std::memory_order_release);
+      .store(g_restingWord.load(std::memory_order_relaxed), std::memory_order_release);
 }
 
 bool claimUnrecordedHold(TraceMemoryHeader* header, HolderIdentity seen,
