@@ -74,9 +74,10 @@ bool releaseDeadHolder(sem_t* semaphore, TraceMemoryHeader* header) noexcept;
 // it initialised the header.
 bool headerNeverInitialised(const TraceMemoryHeader* header) noexcept;
 
-// The header of the shared-memory object as seen by a waiter whose process
-// has not mapped the object yet (a process waiting at start-up). Maps the
-// first page of the object on first use and unmaps it when destroyed.
+// The header of the shared-memory object as a waiter at start-up sees it,
+// through a mapping of its own (its process has not mapped the object yet,
+// or another of its threads is mapping it right now). Maps the first page
+// of the object on first use and unmaps it when destroyed.
 class HeaderPeek {
  public:
   HeaderPeek() noexcept = default;

@@ -105,8 +105,9 @@ StartupLock waitForStartUp(sem_t* semaphore, const char* semaphoreName, HolderId
     if (waitUntil(semaphore, later(now(CLOCK_REALTIME), kHolderCheckMilliseconds)) == 0) {
       return StartupLock::kTaken;
     }
-    // Another thread of this process may have mapped the object already.
-    TraceMemoryHeader* h = header() != nullptr ? header() : peek.find();
+    // A view of its own: another thread of this process may be mapping the
+    // object right now.
+    TraceMemoryHeader* h = peek.find();
     const HolderIdentity holder = h != nullptr ? loadHolder(h) : 0;
 
     if (claimed) {

@@ -16,10 +16,10 @@
 #include <cstring>
 
 #include "nodetrace/nodetrace.h"
+#include "trace/lock_holder.h"
 #include "trace/node_names.h"
 #include "trace/scoped_handles.h"
 #include "trace/shared_access.h"
-#include "trace/lock_holder.h"
 #include "trace/source_file.h"
 #include "trace/syscalls.h"
 #include "trace/trace_lock.h"

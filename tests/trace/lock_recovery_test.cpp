@@ -597,6 +597,38 @@ TEST_F(StartupRecoveryTest, ProcessAlreadyStartingWhenTheHolderDiesCompletesItsF
   EXPECT_EQ(semaphoreValue(semaphore), 1);
 }
 
+TEST_F(StartupRecoveryTest, ThreadsOfAProcessStartingBehindADeadHolderAllComplete) {
+  const int created = runInChild([] { return getCurrentNumberTraceSets() == 0 ? 0 : 1; });
+  ASSERT_EQ(created, 0);
+  sem_t* semaphore = openSemaphore();
+  char reported = 0;
+  const pid_t holder = startChildThatReports(
+      [] {
+        getCurrentNumberTraceSets();
+        sigset_t saved;
+        return traceLock(g_process.semaphore, "traceMutex", &saved) == 0 ? 'L' : 'X';
+      },
+      &reported);
+  ASSERT_EQ(reported, 'L');
+  killAndReap(holder);
+
+  StderrCapture capture;
+  const int status = runInChildWithin(kStuck, [] {
+    std::vector<std::thread> threads;
+    std::atomic<int> done{0};
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([&done] {
+        if (getCurrentNumberTraceSets() == 0) ++done;
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    return done == 4 && header() != nullptr ? 0 : 1;
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(capture.take(), "");
+  EXPECT_EQ(semaphoreValue(semaphore), 1);
+}
+
 TEST_F(StartupRecoveryTest, CreatorThatDiedBeforeCreatingTheObjectIsReplacedAfterOneDeadline) {
   killHolderAfter([] { return true; });
   ASSERT_EQ(sharedObjectSize(shmName()), -1);
