@@ -2,14 +2,23 @@
 // "traceMutex". While a thread holds it, all its signals are blocked, so a
 // signal handler never runs in the holder. A wait gives up after 5 seconds,
 // prints the starvation message and lets the operation go on without it.
+//
+// Waits are cut into short slices; between two slices the waiter looks at
+// the recorded holder, and if that thread no longer exists it releases the
+// semaphore on its behalf (trace/lock_holder.h). A dead holder therefore
+// delays the waiters of that moment by one slice, and nobody after them.
 #pragma once
 
 #include <semaphore.h>
 #include <signal.h>
 
+#include "trace/lock_holder.h"
+
 namespace nt {
 
 inline constexpr int kLockDeadlineSeconds = 5;
+// How often a waiter looks at the holder.
+inline constexpr long kHolderCheckMilliseconds = 100;
 
 // 0 when the semaphore was obtained, -1 when the deadline passed (or this
 // process has no semaphore). Blocks all signals of the calling thread and
@@ -19,6 +28,27 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
 // Releases the semaphore if locked is non-zero, then restores savedMask if
 // it is not null.
 void traceUnlock(int locked, sem_t* semaphore, const sigset_t* savedMask) noexcept;
+
+// How start-up came by the semaphore.
+enum class StartupLock {
+  kTaken,      // obtained; the caller records itself as holder
+  kInherited,  // taken over from a creator that died before it recorded
+               // itself; the caller is recorded already
+  kNotTaken    // given up after one deadline with nobody recorded as holder
+};
+
+// Start-up's wait for "traceMutex": no deadline while a recorded holder
+// lives. A recorded holder that is gone is released at once. When nobody is
+// recorded as holder for a whole deadline:
+// - if the object does not exist or its header was never initialised, the
+//   holder was a creator that died before it recorded itself: the first
+//   waiter to claim the holder word takes over its hold and goes on as the
+//   creator would;
+// - otherwise the holder cannot be told from a live one: the wait prints the
+//   starvation message and start-up goes on without the lock, as a timed-out
+//   wait does.
+// The caller has blocked all signals; me is the caller's identity.
+StartupLock waitForStartUp(sem_t* semaphore, const char* semaphoreName, HolderIdentity me) noexcept;
 
 // Holds "traceMutex" for a scope: every path out of the scope releases what
 // was taken and restores the signal mask.

@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "nodetrace/nodetrace.h"
+#include "trace/lock_holder.h"
 #include "trace/node_names.h"
 #include "trace/scoped_handles.h"
 #include "trace/shared_access.h"
@@ -39,8 +40,10 @@ constexpr mode_t kSemaphoreMode = 0664;
 constexpr mode_t kSramCreateMode = 0666;
 constexpr mode_t kSramMode = 0664;
 
+// The version goes last: a header with a version is complete, one without
+// was left by a creator that died, and the next process to hold the lock
+// initialises it (see startTraceSystem).
 void initialiseHeader(TraceMemoryHeader* h) noexcept {
-  std::memcpy(h->version, TRACE_VERSION, 3);  // the fourth byte is already zero
   storeShared(&h->totalNumberTraceEntries, 0u);
   storeShared(&h->currentNumberTraceSets, 0u);
   storeShared(&h->severityMask, kInitialSeverityMask);
@@ -48,6 +51,9 @@ void initialiseHeader(TraceMemoryHeader* h) noexcept {
   storeShared(&h->nextFreeOffset, g_process.entryAreaOffset);
   storeShared(&h->lastTraceSetId, kNoTraceSet);
   storeShared(&h->lastEntryIndex, 0u);
+  static constexpr char kVersion[] = TRACE_VERSION;
+  for (std::size_t i = 0; i + 1 < sizeof kVersion; ++i) storeShared(&h->version[i], kVersion[i]);
+  // The fourth byte is already zero.
 }
 
 // The creator of the object takes the severity filter from severityMask.conf
@@ -97,14 +103,21 @@ void startTraceSystem() noexcept {
   // tries again. The signals blocked above stay blocked in this thread.
   if (rc != 0) return;
 
-  // No deadline at start-up.
-  while (sem_wait(g_process.semaphore) == -1) {
-  }
+  // No deadline at start-up while a holder lives (see waitForStartUp for
+  // holders that died).
+  const HolderIdentity me = selfIdentity();
+  const StartupLock lock = waitForStartUp(g_process.semaphore, nodeNames().semaphore, me);
+  const bool locked = lock != StartupLock::kNotTaken;
 
   const bool started = g_process.initialised.load(std::memory_order_relaxed) != 0;
   if (!started) rc = initSharedMemory();
 
-  if (header() != nullptr) storeShared(&header()->lockHolderTid, gettid());
+  if (locked && header() != nullptr) {
+    if (lock == StartupLock::kTaken) recordHolder(header(), me);
+    // A header without a version was left by a creator that died before it
+    // initialised it; this process does the creator's work instead.
+    if (!started && rc == 0 && headerNeverInitialised(header())) rc = 1;
+  }
 
   if (!started) {
     if (rc == 1) {
@@ -115,7 +128,7 @@ void startTraceSystem() noexcept {
     g_process.initialised.store(1, std::memory_order_release);
   }
 
-  traceUnlock(1, g_process.semaphore, &previousMask);
+  traceUnlock(locked ? 1 : 0, g_process.semaphore, &previousMask);
 }
 
 int initSharedMemory() noexcept {
