@@ -304,7 +304,8 @@ NODETRACE_API int addRemoteEntry(int16_t traceSetId, uint32_t severity, uint32_t
  *  disabled and whatever the masks. traceSetId is the set the record came
  *  from: a user set's name is prefixed ("<name>: ") to any record but an
  *  error; an id that is neither a user set nor 254 stores the record as an
- *  error and returns TRACE_RC_UNKNOWN_SET (-5). The slot keeps the prefix,
+ *  error and returns TRACE_RC_UNKNOWN_SET (-5). With the 128-byte entries
+ *  the region is created with, the slot keeps the prefix and the length but
  *  not the text, which reaches syslog only. Returns 0; -5; TRACE_RC_FILE_ERROR
  *  (-6) on a file error (printed on standard error); TRACE_RC_NO_DESCRIPTOR
  *  (-10) when the second region of the SRAM file is not "NVJ_System", which
