@@ -16,4 +16,9 @@ TraceTimeStamp realTimestamp() noexcept;
 // the rest of the field, byte 29 included, is zero.
 void stampFileName(TraceEntryHeader& entry, const char* fileName) noexcept;
 
+// The syslog priority of an entry's severity: ERR gives LOG_ERR, WAR
+// LOG_WARNING, NOT LOG_NOTICE, INF LOG_INFO; any other value, also a
+// combination of bits, LOG_DEBUG.
+int severityToSyslogPriority(std::uint32_t severity) noexcept;
+
 }  // namespace nt

@@ -33,6 +33,7 @@
 #include "trace/errno_guard.h"
 #include "trace/error_trace.h"
 #include "trace/shared_access.h"
+#include "trace/slot_store.h"
 #include "trace/thread_ids.h"
 #include "trace/trace_system.h"
 
@@ -73,56 +74,6 @@ bool passesFilters(std::uint32_t severity, std::uint32_t category,
   return (severity & loadShared(&header()->severityMask)) != 0 &&
          (category & loadShared(&descriptor->categoryMask)) != 0;
 }
-
-// Claims the next slot of the ring: returns the slot the entry goes to and
-// advances writeIndex past it. A ring of capacity 0 keeps its index.
-std::uint16_t claimSlot(TraceSetStruct* descriptor, std::uint16_t capacity) noexcept {
-  auto writeIndex = sharedRef(&descriptor->writeIndex);
-  std::uint16_t used = writeIndex.load(std::memory_order_relaxed);
-  if (capacity == 0) return used;
-  while (!writeIndex.compare_exchange_weak(
-      used, static_cast<std::uint16_t>((used + 1u) % capacity), std::memory_order_relaxed)) {
-  }
-  return used;
-}
-
-void countEntry(TraceSetStruct* descriptor, std::uint16_t capacity) noexcept {
-  auto current = sharedRef(&descriptor->curentNumberEntries);
-  std::uint16_t count = current.load(std::memory_order_relaxed);
-  while (count < capacity &&
-         !current.compare_exchange_weak(count, static_cast<std::uint16_t>(count + 1u),
-                                        std::memory_order_relaxed)) {
-  }
-  sharedRef(&descriptor->totalNumberEntries).fetch_add(1u, std::memory_order_relaxed);
-}
-
-// Copies into a slot. Readers in other processes may copy the same slot at
-// the same time and accept a mix of old and new bytes, so plain copies are
-// what the design asks for. ThreadSanitizer cannot be told that such a race
-// is intended; in its builds the copies are made of relaxed atomic word
-// stores instead, which keeps its reports for races that are not.
-#if defined(__SANITIZE_THREAD__)
-void copyToSlot(std::uint8_t* dst, const void* source, std::size_t size) noexcept {
-  const auto* src = static_cast<const std::uint8_t*>(source);
-  std::size_t i = 0;
-  for (; i + 4 <= size; i += 4) {
-    std::uint32_t word;
-    std::memcpy(&word, src + i, 4);
-    storeShared(reinterpret_cast<std::uint32_t*>(dst + i), word);
-  }
-  for (; i < size; ++i) storeShared(dst + i, src[i]);
-}
-
-void zeroSlot(std::uint8_t* dst, std::size_t size) noexcept {
-  for (std::size_t i = 0; i < size; ++i) storeShared(dst + i, std::uint8_t{0});
-}
-#else
-void copyToSlot(std::uint8_t* dst, const void* src, std::size_t size) noexcept {
-  std::memcpy(dst, src, size);
-}
-
-void zeroSlot(std::uint8_t* dst, std::size_t size) noexcept { std::memset(dst, 0, size); }
-#endif
 
 // The text contents of a slot: length characters of text, zeros up to the
 // set's maximum, and the last byte of the maximum always zero.

@@ -38,9 +38,14 @@ constexpr std::uint32_t kContentsLength = TRACE_MAX_STRING_LENGTH;  // 128
 constexpr off_t kMaxSramFileSize = 524288;
 constexpr std::int32_t kErrorSeverity = TRACE_SEVERITY_ERR;
 
-// Prefix "<name cut to 20>: " of entries of user sets, written to the start
-// of contents. Returns its length, 0 when there is none.
-std::size_t writeSetPrefix(char* contents, std::int16_t traceSetId) noexcept {
+bool writeAt(int fd, off_t offset, const void* data, std::size_t size) noexcept {
+  sys::lseek(fd, offset, SEEK_SET);
+  return sys::write(fd, data, size) == static_cast<ssize_t>(size);
+}
+
+}  // namespace
+
+std::size_t writeTraceSetPrefix(char* contents, std::int16_t traceSetId) noexcept {
   const char* name = getTraceSetName(static_cast<std::uint16_t>(traceSetId));
   if (name == nullptr) return 0;
   const std::size_t length = strnlen(name, TRACE_SET_NAME_LENGTH);
@@ -49,13 +54,6 @@ std::size_t writeSetPrefix(char* contents, std::int16_t traceSetId) noexcept {
   contents[length + 1] = ' ';
   return length + 2;
 }
-
-bool writeAt(int fd, off_t offset, const void* data, std::size_t size) noexcept {
-  sys::lseek(fd, offset, SEEK_SET);
-  return sys::write(fd, data, size) == static_cast<ssize_t>(size);
-}
-
-}  // namespace
 
 int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileName,
                   std::uint32_t line, const char* text, std::int16_t traceSetId,
@@ -78,7 +76,7 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
   std::size_t prefixLength = 0;
   if (severity != kErrorSeverity) {
     if (traceSetId >= 0 && traceSetId < loadShared(&h->currentNumberTraceSets)) {
-      prefixLength = writeSetPrefix(contents, traceSetId);
+      prefixLength = writeTraceSetPrefix(contents, traceSetId);
       length += prefixLength;
     } else if (traceSetId != SYSTEM_TRACE_SET_ID) {
       // An unknown set: the entry is kept, as an error without prefix.

@@ -5,6 +5,7 @@
 // the call returns.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace nt {
@@ -16,5 +17,10 @@ namespace nt {
 int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileName,
                   std::uint32_t line, const char* text, std::int16_t traceSetId,
                   std::int32_t severity) noexcept;
+
+// Writes the prefix "<set name cut to 20>: " of entries of a user set to the
+// start of contents (at least 22 bytes) and returns its length; 0, and
+// nothing written, when the set has no name (an id that is not valid).
+std::size_t writeTraceSetPrefix(char* contents, std::int16_t traceSetId) noexcept;
 
 }  // namespace nt

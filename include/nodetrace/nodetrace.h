@@ -272,6 +272,56 @@ NODETRACE_API void printTraceSetInfo(int16_t traceSetId, TraceSetStruct *descrip
  *  ends there). File errors are printed on standard error. Takes no lock. */
 NODETRACE_API int32_t printTraceSetsInfo(int16_t verbose);
 
+/* ---- Remote entries ------------------------------------------------------- */
+
+/* Records of the remote unit, brought to the node by the caller. They carry
+ * the remote process and thread ids and the remote unit's two clock readings,
+ * each given as two words in host order, seconds then nanoseconds (stored
+ * big-endian like every time stamp; a null pointer stores zeros). Every
+ * stored record is also sent to syslog as "[PID:<pid>][TID:<tid>] <text>"
+ * with the text as given, at LOG_ERR, LOG_WARNING, LOG_NOTICE, LOG_INFO for
+ * ERR, WAR, NOT, INF and LOG_DEBUG for any other severity. */
+
+/** Stores a remote record into the ring of user set traceSetId, like a local
+ *  entry but with the remote ids and clocks and without linking it into the
+ *  node-wide chain of entries (the next local entry links past it). Text sets
+ *  take strnlen(data, 128) and ignore length; dump sets take length bytes;
+ *  both are cut to the set's maximum, and one trailing line feed of a text is
+ *  dropped. Empty contents store the notice "Trying to add empty trace entry"
+ *  in "NVJ_System" (as addRemoteSystemEntry with severity NOT) instead.
+ *  Returns 0 when stored, when filtered out by the severity filter or the
+ *  set's category mask, or when tracing is disabled; TRACE_RC_UNKNOWN_SET (-5)
+ *  for an unknown id; TRACE_RC_NO_DESCRIPTOR (-10) when the set has no
+ *  descriptor, and for 255 and 254, which have no ring in shared memory.
+ *  Takes no lock; errno is left unchanged. */
+NODETRACE_API int addRemoteEntry(int16_t traceSetId, uint32_t severity, uint32_t category,
+                                 const char *fileName, uint32_t line, uint16_t length, const void *data,
+                                 int32_t pid, int32_t tid, const uint32_t *realTime,
+                                 const uint32_t *monotonicTime);
+
+/** Appends a remote record to the remote unit's persistent set "NVJ_System"
+ *  (id 254) in the SRAM file, under the trace lock, also while tracing is
+ *  disabled and whatever the masks. traceSetId is the set the record came
+ *  from: a user set's name is prefixed ("<name>: ") to any record but an
+ *  error; an id that is neither a user set nor 254 stores the record as an
+ *  error and returns TRACE_RC_UNKNOWN_SET (-5). With the 128-byte entries
+ *  the region is created with, the slot keeps the prefix and the length but
+ *  not the text, which reaches syslog only. Returns 0; -5; TRACE_RC_FILE_ERROR
+ *  (-6) on a file error (printed on standard error); TRACE_RC_NO_DESCRIPTOR
+ *  (-10) when the second region of the SRAM file is not "NVJ_System", which
+ *  the first such call of a process records in the error trace set. Every
+ *  outcome but that first report sends the syslog line. errno is left
+ *  unchanged. */
+NODETRACE_API int addRemoteSystemEntry(int16_t traceSetId, uint32_t severity, uint32_t category,
+                                       const char *fileName, uint32_t line, const char *text,
+                                       int32_t pid, int32_t tid, const uint32_t *realTime,
+                                       const uint32_t *monotonicTime);
+
+/** 1 if trace set traceSetId is kept for the remote unit: its name contains
+ *  "NVJ_" anywhere (254 "NVJ_System" does, 255 "System" does not); 0 for
+ *  other and unknown ids. */
+NODETRACE_API int isRemoteTraceSet(int16_t traceSetId);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

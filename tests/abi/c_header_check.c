@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "nodetrace/diag.h" /* declares nothing in C */
 #include "nodetrace/logbridge.h"
 #include "nodetrace/nodetrace.h"
 
