@@ -198,17 +198,21 @@ NODETRACE_API int getCategoryMask(int16_t id);
 NODETRACE_API void printTraceEntry(int16_t traceSetId, const TraceSetStruct *descriptor,
                                    const TraceEntryHeader *entry, const char *contents,
                                    char *format);
+
 /* ---- Switching tracing off and on, assertions, the reference clock -------- */
+
 /** Switches tracing on for every process of the node, then records "Trace
  *  system enabled: <reason>" (notice, category 0x80000001) in the error trace
  *  set with the base name of fileName and line. The record is always written.
  *  Texts are cut to 127 characters. */
 NODETRACE_API void enableTraceSystem(const char *fileName, uint32_t line, const char *reason);
+
 /** Records "Trace system disabled: <reason>" in the error trace set like
  *  enableTraceSystem, then switches tracing off for every process of the
  *  node: from then on no entry is stored anywhere until some process calls
  *  enableTraceSystem. Called while tracing is off, it only stores the flag. */
 NODETRACE_API void disableTraceSystem(const char *fileName, uint32_t line, const char *reason);
+
 /** Reports a failed assertion and ends the process with exit status 1 (exit
  *  handlers run). Records "(<function>): Assertion <expression> failed" and
  *  the formatted message (error, category 0x80000002, base name of fileName,
@@ -220,9 +224,11 @@ NODETRACE_API void disableTraceSystem(const char *fileName, uint32_t line, const
 NODETRACE_API void assertFail(const char *expression, const char *fileName, const char *function,
                               uint32_t line, const char *format, ...)
     __attribute__((noreturn, format(printf, 5, 6)));
+
 /** Records in the error trace set that the node's reference clock has
  *  changed, so that later time stamps may jump. Changes no clock. */
 NODETRACE_API void setRefClock(void);
+
 /* TRACE_ASSERT(cond, format, ...): evaluates cond once; when it is false,
  * calls assertFail with the text of cond, the file, the function and the
  * line of the assertion and the printf-style message, which records the
@@ -239,7 +245,9 @@ NODETRACE_API void setRefClock(void);
 #define TRACE_ASSERT(cond, ...) \
   ((cond) ? (void)0 : assertFail(#cond, __FILE__, __func__, __LINE__, __VA_ARGS__))
 #endif
+
 /* ---- Reading entries ----------------------------------------------------- */
+
 /** Hands out the entry in slot index (the physical slot of the set's ring,
  *  0..maxNumberEntries-1) of trace set traceSetId. contents is the caller's
  *  buffer of at least 1600 bytes (TRACE_MAX_DUMP_LENGTH): its first 1600
@@ -253,10 +261,13 @@ NODETRACE_API void setRefClock(void);
  *  SRAM file is never written. Takes no lock. */
 NODETRACE_API void getTraceEntry(int16_t traceSetId, uint16_t index, TraceEntryHeader **entry,
                                  void *contents);
+
 /** Where the newest entry of the node was written: its set (-1 while no
  *  entry exists), its slot, and the number of entries ever written. */
 NODETRACE_API void getRecentEntry(int16_t *traceSetId, uint16_t *index, uint32_t *total);
+
 /* ---- Reports on standard output ------------------------------------------ */
+
 /** Prints one line about a trace set: id, name, current entries, (with
  *  withMax exactly 1) the capacity, total entries, type and creator, e.g.
  *  "Trace set   3 'abc' 5 current/10 max,7 total STRING Created by 812".
@@ -264,6 +275,7 @@ NODETRACE_API void getRecentEntry(int16_t *traceSetId, uint16_t *index, uint32_t
  *  in the error trace set and is set to TS_STRING in place. descriptor must
  *  be valid. */
 NODETRACE_API void printTraceSetInfo(int16_t traceSetId, TraceSetStruct *descriptor, int32_t withMax);
+
 /** Prints a table of all user trace sets (category masks too when verbose is
  *  exactly 1), the two sets of the SRAM file and a summary of the entry area
  *  in use. Returns 0, TRACE_RC_FILE_ERROR (-6) when the SRAM file cannot be
