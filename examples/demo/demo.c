@@ -185,6 +185,33 @@ static void pauseMs(long ms) {
   nanosleep(&pause, NULL);
 }
 
+/* In demo_backtrace.cpp: prints the call stack of a small C++ call chain. */
+void demoPrintBacktrace(void);
+
+/* Records of the remote unit arrive with their own pid, tid and clock
+ * readings; the demo stores a few, in a user set and in "NVJ_System" of the
+ * SRAM file, and prints them back. */
+static void remoteEntries(void) {
+  int16_t nvj = -1;
+  const uint32_t real[2] = {(uint32_t)time(NULL), 250000000u};
+  const uint32_t mono[2] = {4711u, 0u};
+  const int rc = initTraceSet("NVJ_Radio", TS_STRING, 16, 128, 0xFFFFFFFFu, &nvj);
+  printf("  initTraceSet(\"NVJ_Radio\"): %d, id %d; remote set: %d, \"Radio\" remote: %d\n", rc, nvj,
+         isRemoteTraceSet(nvj), isRemoteTraceSet(g_radio));
+  const char *up = "remote link up";
+  printf("  addRemoteEntry: %d\n", addRemoteEntry(nvj, TRACE_SEVERITY_INF, 0x1, "nvj_link.c", 10,
+                                                 (uint16_t)strlen(up), up, 812, 815, real, mono));
+  printf("  addRemoteSystemEntry: %d\n", addRemoteSystemEntry(nvj, TRACE_SEVERITY_WAR, 0x1, "nvj_link.c", 11,
+                                                             "remote link down", 812, 815, real, mono));
+  printEntry(nvj, 0);
+  const TraceSetStruct *remote = getTraceSetStruct(REMOTE_SYSTEM_TRACE_SET_ID);
+  if (remote != NULL && remote->curentNumberEntries > 0) {
+    const unsigned newest = (remote->writeIndex + remote->maxNumberEntries - 1u) % remote->maxNumberEntries;
+    printEntry((int16_t)REMOTE_SYSTEM_TRACE_SET_ID, (uint16_t)newest);
+    printf("  (a record in \"NVJ_System\" keeps the set's name; its text goes to syslog)\n");
+  }
+}
+
 /* The radio application: text entries of each kind. */
 static void radioProcess(void) {
   TRACE_INF(g_radio, 0x1, "link %d up at %u kbit/s", 1, 2048u);
@@ -275,6 +302,7 @@ int main(int argc, char **argv) {
   if (argc > 1 && strcmp(argv[1], "--fresh") == 0) {
     shm_unlink("/shmem_Trace");
     sem_unlink("traceMutex");
+    flushHBKLogFile(0); /* the bridge's local log starts empty too */
     printf("removed /shmem_Trace and traceMutex: the node starts afresh\n");
   }
 
@@ -318,5 +346,12 @@ int main(int argc, char **argv) {
     const unsigned newest = (system->writeIndex + system->maxNumberEntries - 1u) % system->maxNumberEntries;
     printEntry((int16_t)SYSTEM_TRACE_SET_ID, (uint16_t)newest);
   }
+
+  printf("\nremote entries, with the remote unit's pid 812, tid 815 and clocks:\n");
+  remoteEntries();
+
+  printf("\na backtrace, as the fatal-signal handler prints it:\n");
+  fflush(stdout);
+  demoPrintBacktrace();
   return 0;
 }
