@@ -178,9 +178,16 @@ RingWrite writeToRing(TraceSetStruct* descriptor, std::uint16_t traceSetId, std:
   return {result, length, true};
 }
 
+// The descriptor of a set id that a caller has already validated and
+// looked up, so that tracePrintf does not pay for it twice (for "NVJ_System"
+// the lookup reads the SRAM file).
+struct KnownSet {
+  TraceSetStruct* descriptor;
+};
+
 int addEntry(std::uint16_t traceSetId, std::uint32_t type, std::uint32_t severity,
              std::uint32_t category, const char* file, std::int32_t line, std::uint32_t length,
-             const void* contents) noexcept {
+             const void* contents, const KnownSet* known = nullptr) noexcept {
   if (!traceEnabled()) return 0;
   char pathBuffer[kPathBufferSize];
   const char* fileName = baseName(file, pathBuffer);
@@ -192,8 +199,8 @@ int addEntry(std::uint16_t traceSetId, std::uint32_t type, std::uint32_t severit
                            static_cast<const char*>(contents), static_cast<std::int16_t>(traceSetId),
                            static_cast<std::int32_t>(severity));
   }
-  if (isValidTraceSetId(traceSetId) == 0) return TRACE_RC_UNKNOWN_SET;
-  TraceSetStruct* descriptor = descriptorOf(traceSetId);
+  if (known == nullptr && isValidTraceSetId(traceSetId) == 0) return TRACE_RC_UNKNOWN_SET;
+  TraceSetStruct* descriptor = known != nullptr ? known->descriptor : descriptorOf(traceSetId);
   if (descriptor == nullptr) return result;
 
   if (!errorClass && traceSetId != SYSTEM_TRACE_SET_ID) {
@@ -236,10 +243,12 @@ NODETRACE_API int tracePrintf(uint16_t traceSetId, uint32_t severity, uint32_t c
   if (!nt::traceEnabled()) return 0;
   // The filters are applied before any formatting: a filtered-out call
   // costs a few loads.
-  if (traceSetId != SYSTEM_TRACE_SET_ID && severity != TRACE_SEVERITY_ERR) {
+  const bool lookedUp = traceSetId != SYSTEM_TRACE_SET_ID && severity != TRACE_SEVERITY_ERR;
+  nt::KnownSet known{nullptr};
+  if (lookedUp) {
     if (isValidTraceSetId(traceSetId) == 0) return TRACE_RC_UNKNOWN_SET;
-    const TraceSetStruct* descriptor = nt::descriptorOf(traceSetId);
-    if (descriptor != nullptr && !nt::passesFilters(severity, category, descriptor)) return 0;
+    known.descriptor = nt::descriptorOf(traceSetId);
+    if (known.descriptor != nullptr && !nt::passesFilters(severity, category, known.descriptor)) return 0;
   }
   char text[nt::kFormatBufferSize] = "";
   if (format != nullptr) {  // a null format gives an empty entry
@@ -251,7 +260,8 @@ NODETRACE_API int tracePrintf(uint16_t traceSetId, uint32_t severity, uint32_t c
     std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
   }
-  return nt::addEntry(traceSetId, TS_STRING, severity, category, file, line, 0, text);
+  return nt::addEntry(traceSetId, TS_STRING, severity, category, file, line, 0, text,
+                      lookedUp ? &known : nullptr);
 }
 
 }  // extern "C"

@@ -420,27 +420,13 @@ TEST_F(LogFileTest, ThreadsAppendWholeLines) {
 TEST_F(LogFileTest, ProcessesShareTheFileWithoutCoordination) {
   constexpr int kChildren = 3;
   constexpr int kLinesEach = 60;
-  StartGate gate;
-  std::vector<pid_t> children;
-  std::fflush(nullptr);
-  for (int c = 0; c < kChildren; ++c) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-      gate.wait();
-      for (int i = 0; i < kLinesEach; ++i) {
-        writeHBKLogLine(("process " + std::to_string(c) + " line " + std::to_string(i)).c_str());
-      }
-      _exit(hbkLogLineCounter() == 1 + kLinesEach ? 0 : 1);
+  const std::vector<int> statuses = runChildrenAtOnce(kChildren, [](int c) {
+    for (int i = 0; i < kLinesEach; ++i) {
+      writeHBKLogLine(("process " + std::to_string(c) + " line " + std::to_string(i)).c_str());
     }
-    ASSERT_GT(pid, 0);
-    children.push_back(pid);
-  }
-  gate.open();
-  for (pid_t pid : children) {
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+    return hbkLogLineCounter() == 1 + kLinesEach ? 0 : 1;
+  });
+  EXPECT_EQ(statuses, std::vector<int>(kChildren, 0));
 
   const std::string text = readFileText(logFile());
   EXPECT_EQ(lineCount(text), static_cast<std::size_t>(kChildren * kLinesEach));

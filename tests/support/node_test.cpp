@@ -178,23 +178,51 @@ std::string StreamCapture::take() {
   return text;
 }
 
-int runInChild(const std::function<int()>& body) {
-  std::fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    int code = 99;
-    try {
-      code = body();
-    } catch (...) {
-    }
-    std::fflush(nullptr);
-    _exit(code);
+namespace {
+
+[[noreturn]] void runAndExit(const std::function<int()>& body) {
+  int code = 99;
+  try {
+    code = body();
+  } catch (...) {
   }
+  std::fflush(nullptr);
+  _exit(code);
+}
+
+int waitForChild(pid_t pid) {
   int status = 0;
   if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
   return -1;
+}
+
+}  // namespace
+
+int runInChild(const std::function<int()>& body) {
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) runAndExit(body);
+  return waitForChild(pid);
+}
+
+std::vector<int> runChildrenAtOnce(int count, const std::function<int(int)>& body) {
+  StartGate gate;
+  std::vector<pid_t> children;
+  std::fflush(nullptr);
+  for (int index = 0; index < count; ++index) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      gate.wait();
+      runAndExit([&] { return body(index); });
+    }
+    children.push_back(pid);
+  }
+  gate.open();
+  std::vector<int> statuses;
+  for (const pid_t pid : children) statuses.push_back(waitForChild(pid));
+  return statuses;
 }
 
 StartGate::StartGate() {

@@ -95,6 +95,11 @@ class StdoutCapture : public StreamCapture {
 // signal that ended it. The child never returns into the test.
 int runInChild(const std::function<int()>& body);
 
+// Forks count children that wait at a common gate, then all run body(index)
+// at the same instant. Returns each child's exit status (or 128 + the signal
+// that ended it), in index order.
+std::vector<int> runChildrenAtOnce(int count, const std::function<int(int)>& body);
+
 // Children that wait at a gate until the parent opens it, so that they start
 // their work at the same instant.
 class StartGate {

@@ -666,26 +666,14 @@ TEST_F(WriterTest, ThreadsWritingTheSameAndDifferentSetsAtOnce) {
 TEST_F(WriterTest, ProcessesWritingTheSameSetAtOnceNeverShareASequenceNumber) {
   const std::int16_t id = createSet("Equip", TS_STRING, 2000, 128);
   constexpr unsigned kChildren = 4, kEntries = 400;
-  StartGate gate;
-  std::vector<pid_t> children;
-  for (unsigned c = 0; c < kChildren; ++c) {
-    const pid_t child = fork();
-    if (child == 0) {
-      gate.wait();
-      for (unsigned n = 0; n < kEntries; ++n) {
-        tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_INF, 1, "conc.c", static_cast<int>(n),
-                    "w%u n%u", c, n);
-      }
-      _exit(0);
+  const std::vector<int> statuses = runChildrenAtOnce(kChildren, [id](int c) {
+    for (unsigned n = 0; n < kEntries; ++n) {
+      tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_INF, 1, "conc.c", static_cast<int>(n),
+                  "w%u n%u", static_cast<unsigned>(c), n);
     }
-    children.push_back(child);
-  }
-  gate.open();
-  for (const pid_t child : children) {
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+    return 0;
+  });
+  EXPECT_EQ(statuses, std::vector<int>(kChildren, 0));
   checkWellFormed(id, kChildren, kEntries);
   std::set<std::uint32_t> sequence;
   std::set<std::uint32_t> pids;

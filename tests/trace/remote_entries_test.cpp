@@ -1061,32 +1061,17 @@ TEST_F(RemoteTest, FailedWritesNameTheirLines) {
 TEST_F(RemoteTest, ProcessesAppendingSystemRecordsAtOnceAreSerialised) {
   constexpr int kProcesses = 3;
   constexpr int kRecords = 30;
-  StartGate gate;
-  std::vector<pid_t> children;
-  std::fflush(nullptr);
-  for (int p = 0; p < kProcesses; ++p) {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      gate.wait();
-      int failures = 0;
-      for (int i = 0; i < kRecords; ++i) {
-        if (addRemoteSystemEntry(254, 0x40, 1, "child.c", static_cast<std::uint32_t>(p), "record", 100 + p, i, kReal,
-                                 kMono) != 0) {
-          ++failures;
-        }
+  const std::vector<int> statuses = runChildrenAtOnce(kProcesses, [](int p) {
+    int failures = 0;
+    for (int i = 0; i < kRecords; ++i) {
+      if (addRemoteSystemEntry(254, 0x40, 1, "child.c", static_cast<std::uint32_t>(p), "record", 100 + p, i, kReal,
+                               kMono) != 0) {
+        ++failures;
       }
-      _exit(failures);
     }
-    children.push_back(child);
-  }
-  gate.open();
-  for (const pid_t child : children) {
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-  }
+    return failures;
+  });
+  EXPECT_EQ(statuses, std::vector<int>(kProcesses, 0));
 
   constexpr unsigned kTotal = kProcesses * kRecords;
   expectRemoteDescriptor(kTotal, kTotal, kTotal);
