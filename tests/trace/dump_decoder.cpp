@@ -1,6 +1,9 @@
 #include "tests/trace/dump_decoder.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
+#include <cstring>
 
 namespace nt::test {
 namespace {
@@ -143,6 +146,31 @@ DumpFile decodeDump(const Bytes& file, StampOrder stamps, EntryCount count) {
   }
   EXPECT_EQ(file.size(), offset) << "bytes after the last entry";
   return dump;
+}
+
+void expectDumpedFrom(const DumpEntry& dumped, const TraceEntryHeader& slot, const Bytes& slotContents,
+                      std::uint16_t prevTraceSetId) {
+  EXPECT_EQ(dumped.fileNameBytes, Bytes(slot.fileName, slot.fileName + sizeof slot.fileName));
+  EXPECT_EQ(dumped.unused0, Bytes(slot.unused0, slot.unused0 + 2));
+  EXPECT_EQ(dumped.line, slot.line);
+  EXPECT_EQ(dumped.pid, slot.pid);
+  EXPECT_EQ(dumped.severity, slot.severity);
+  EXPECT_EQ(dumped.unused1, Bytes(slot.unused1, slot.unused1 + 3));
+  EXPECT_EQ(dumped.category, slot.category);
+  EXPECT_EQ(dumped.sequenceNumber, slot.sequenceNumber);
+  EXPECT_EQ(dumped.tid, slot.tid);
+  EXPECT_EQ(dumped.monotonicSeconds, ntohl(slot.monotonicTime.seconds));
+  EXPECT_EQ(dumped.monotonicNanoseconds, ntohl(slot.monotonicTime.nanoseconds));
+  EXPECT_EQ(dumped.contentsLength, slot.contentsLength);
+  EXPECT_EQ(dumped.prevTraceSetId, prevTraceSetId);
+  EXPECT_EQ(dumped.prevEntryIndex, slot.prevEntryIndex);
+  EXPECT_EQ(dumped.unused2, Bytes(slot.unused2, slot.unused2 + 2));
+  EXPECT_EQ(dumped.realSeconds, ntohl(slot.realTime.seconds));
+  EXPECT_EQ(dumped.realNanoseconds, ntohl(slot.realTime.nanoseconds));
+  Bytes expected(dumped.contents.size(), 0);
+  const std::size_t kept = std::min<std::size_t>({slot.contentsLength, slotContents.size(), expected.size()});
+  std::copy_n(slotContents.begin(), kept, expected.begin());
+  EXPECT_EQ(dumped.contents, expected);
 }
 
 std::uint64_t fingerprint(const Bytes& bytes) {

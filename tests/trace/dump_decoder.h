@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "nodetrace/trace_layout.h"
 #include "tests/support/node_test.h"
 
 namespace nt::test {
@@ -87,6 +88,13 @@ enum class EntryCount {
 // (the data offsets follow one another without gaps, the file ends with the
 // last entry); a file that breaks one stops the decoding.
 DumpFile decodeDump(const Bytes& file, StampOrder stamps, EntryCount count = EntryCount::kDescriptor);
+
+// Checks a decoded entry against the slot it was dumped from: every header
+// field (the prev link against prevTraceSetId, which the dump may have
+// replaced), then the slot's first contentsLength contents bytes followed by
+// zeros.
+void expectDumpedFrom(const DumpEntry& dumped, const TraceEntryHeader& slot, const Bytes& slotContents,
+                      std::uint16_t prevTraceSetId);
 
 // FNV-1a over the bytes: a fingerprint for golden files.
 std::uint64_t fingerprint(const Bytes& bytes);
