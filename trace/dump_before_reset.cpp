@@ -225,7 +225,11 @@ class ResetDump {
   std::uint32_t viaTempFile_;
   int fd_ = -1;
   Streams streams_;
-  std::uint8_t contents_[dump::kContentsBufferSize];
+  // Each entry clears only its set's maximum length before its contents are
+  // copied in, and the file takes that length rounded up to 4: up to three
+  // bytes of the entry before can follow a shorter one. The buffer starts
+  // zeroed, so they never come from anywhere else.
+  std::uint8_t contents_[dump::kContentsBufferSize] = {};
 };
 
 void ResetDump::select() noexcept {

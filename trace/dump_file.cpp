@@ -105,7 +105,7 @@ class TraceDump {
   std::uint16_t remotePosition_ = kNoPosition;
   std::uint16_t systemPosition_ = kNoPosition;
   Position positions_[kMaxPositions];
-  std::uint8_t contents_[dump::kContentsBufferSize];
+  std::uint8_t contents_[dump::kContentsBufferSize] = {};
 };
 
 void raiseSetCount(TraceMemoryHeader* h) noexcept {

@@ -148,8 +148,7 @@ DumpFile decodeDump(const Bytes& file, StampOrder stamps, EntryCount count) {
   return dump;
 }
 
-void expectDumpedFrom(const DumpEntry& dumped, const TraceEntryHeader& slot, const Bytes& slotContents,
-                      std::uint16_t prevTraceSetId) {
+void expectDumpedHeaderFrom(const DumpEntry& dumped, const TraceEntryHeader& slot, std::uint16_t prevTraceSetId) {
   EXPECT_EQ(dumped.fileNameBytes, Bytes(slot.fileName, slot.fileName + sizeof slot.fileName));
   EXPECT_EQ(dumped.unused0, Bytes(slot.unused0, slot.unused0 + 2));
   EXPECT_EQ(dumped.line, slot.line);
@@ -167,6 +166,11 @@ void expectDumpedFrom(const DumpEntry& dumped, const TraceEntryHeader& slot, con
   EXPECT_EQ(dumped.unused2, Bytes(slot.unused2, slot.unused2 + 2));
   EXPECT_EQ(dumped.realSeconds, ntohl(slot.realTime.seconds));
   EXPECT_EQ(dumped.realNanoseconds, ntohl(slot.realTime.nanoseconds));
+}
+
+void expectDumpedFrom(const DumpEntry& dumped, const TraceEntryHeader& slot, const Bytes& slotContents,
+                      std::uint16_t prevTraceSetId) {
+  expectDumpedHeaderFrom(dumped, slot, prevTraceSetId);
   Bytes expected(dumped.contents.size(), 0);
   const std::size_t kept = std::min<std::size_t>({slot.contentsLength, slotContents.size(), expected.size()});
   std::copy_n(slotContents.begin(), kept, expected.begin());

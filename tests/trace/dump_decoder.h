@@ -91,8 +91,10 @@ DumpFile decodeDump(const Bytes& file, StampOrder stamps, EntryCount count = Ent
 
 // Checks a decoded entry against the slot it was dumped from: every header
 // field (the prev link against prevTraceSetId, which the dump may have
-// replaced), then the slot's first contentsLength contents bytes followed by
-// zeros.
+// replaced).
+void expectDumpedHeaderFrom(const DumpEntry& dumped, const TraceEntryHeader& slot, std::uint16_t prevTraceSetId);
+// The header as above, then the slot's first contentsLength contents bytes
+// followed by zeros.
 void expectDumpedFrom(const DumpEntry& dumped, const TraceEntryHeader& slot, const Bytes& slotContents,
                       std::uint16_t prevTraceSetId);
 
