@@ -3,14 +3,14 @@
 // the merge of several sets newest first within a budget of entries or
 // bytes (ties, category masks, the SRAM sets, an entry that cannot be read),
 // the forward step of findNextMatch, and rings whose descriptors are damaged.
+#include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/trace/store_fixture.h"
@@ -124,45 +124,65 @@ TEST_F(SearchTest, SeverityAndCategoryMustBothMatch) {
             0u);
 }
 
+// The page of slot headers that clearTheRingOnFirstTouch() guards, and the
+// count it clears.
+std::uint8_t* g_guardedPage = nullptr;
+std::size_t g_pageSize = 0;
+std::uint16_t* g_countToClear = nullptr;
+
+// The first read of the guarded page stands for another process clearing
+// the ring at that moment: the count becomes 0, the page readable again,
+// and the read is repeated. Any other fault ends the process as it would.
+void clearTheRingOnFirstTouch(int, siginfo_t* info, void*) {
+  auto* address = static_cast<std::uint8_t*>(info->si_addr);
+  if (g_guardedPage == nullptr || address < g_guardedPage || address >= g_guardedPage + g_pageSize) {
+    signal(SIGSEGV, SIG_DFL);
+    return;
+  }
+  mprotect(g_guardedPage, g_pageSize, PROT_READ | PROT_WRITE);
+  storeShared(g_countToClear, 0);
+  g_guardedPage = nullptr;
+}
+
 TEST_F(SearchTest, AResultBeyondTheEntriesCountedAtTheEndOfTheWalkIsRecorded) {
   // Another process clears the ring while a walk runs: the walk's result,
   // found with the counts it started with, lies beyond the count it sees at
-  // the end. The clearing is played by a thread that keeps switching the
-  // count between empty and full.
-  const std::uint16_t capacity = 4000;
-  const std::int16_t id = createSet("Race", TS_STRING, capacity, 4);
-  for (unsigned k = 0; k < capacity + 3u; ++k) text(id, TRACE_SEVERITY_INF, "r");
-  // Only the oldest entry (slot 3) matches, so the walk from the newest slot
-  // (2) passes through the whole ring.
+  // the end. The walk from the newest slot (2) of this full ring of 8 passes
+  // every slot to the oldest (3), the only one that matches; the clearing
+  // happens when it reads its first slot header.
+  const std::int16_t id = createSet("Race", TS_STRING, 8, 4);
+  for (int k = 0; k < 11; ++k) text(id, TRACE_SEVERITY_INF, "r");
   storeShared(&sharedSlot(id, 3)->category, 2u);
   TraceSetStruct* shared = sharedDescriptor(id);
+  ASSERT_EQ(descriptor(id).writeIndex, 3);
 
-  std::atomic<bool> stop{false};
-  std::thread clearer([&] {
-    while (!stop.load()) {
-      storeShared(&shared->curentNumberEntries, 0);
-      storeShared(&shared->curentNumberEntries, capacity);
-    }
-  });
+  g_pageSize = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  const auto slot2 = reinterpret_cast<std::uintptr_t>(sharedSlot(id, 2));
+  auto* page = reinterpret_cast<std::uint8_t*>(slot2 - slot2 % g_pageSize);
+  // The descriptor stays readable: only the slots' page is guarded.
+  ASSERT_FALSE(reinterpret_cast<std::uint8_t*>(shared) >= page &&
+               reinterpret_cast<std::uint8_t*>(shared) < page + g_pageSize);
+  g_countToClear = &shared->curentNumberEntries;
+  struct sigaction action {};
+  action.sa_sigaction = clearTheRingOnFirstTouch;
+  action.sa_flags = SA_SIGINFO;
+  sigemptyset(&action.sa_mask);
+  struct sigaction previous {};
+  ASSERT_EQ(sigaction(SIGSEGV, &action, &previous), 0);
+  g_guardedPage = page;
+  ASSERT_EQ(mprotect(page, g_pageSize, PROT_NONE), 0);
+
   const TraceSetStruct before = errorSet();
-  const std::string expected = "findPrevMatchingEntry: strange return value 3 (curentNumberEntries = 0)";
-  bool seen = false;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!seen && std::chrono::steady_clock::now() < deadline) {
-    std::int32_t firstStep = 1;
-    findPrevMatchingEntry(shared, 2, kEverySeverity, 2u, &firstStep, 0);
-    const TraceSetStruct now = errorSet();
-    if (now.totalNumberEntries == before.totalNumberEntries) continue;
-    for (const SramEntry& record : errorEntriesSince(before)) {
-      if (record.header.line == 2983) {
-        expectLibraryRecord(record, 2983, expected);
-        seen = true;
-      }
-    }
-  }
-  stop = true;
-  clearer.join();
-  EXPECT_TRUE(seen);
+  std::int32_t firstStep = 1;
+  const std::uint32_t found = findPrevMatchingEntry(shared, 2, kEverySeverity, 2u, &firstStep, 0);
+  sigaction(SIGSEGV, &previous, nullptr);
+  EXPECT_EQ(g_guardedPage, nullptr);  // the walk did touch the page
+
+  EXPECT_EQ(found, 3u);  // returned all the same
+  EXPECT_EQ(descriptor(id).curentNumberEntries, 0);
+  const std::vector<SramEntry> records = errorEntriesSince(before);
+  ASSERT_EQ(records.size(), 1u);
+  expectLibraryRecord(records[0], 2983, "findPrevMatchingEntry: strange return value 3 (curentNumberEntries = 0)");
 }
 
 // ---- findMatchingTraceEntries ------------------------------------------------------
