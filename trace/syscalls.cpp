@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdlib>
 #include <mutex>
 
 namespace nt::sys {
@@ -117,6 +118,11 @@ int snprintf(char* buffer, std::size_t size, const char* format, ...) noexcept {
   const int n = std::vsnprintf(buffer, size, format, args);
   va_end(args);
   return n;
+}
+
+int system(const char* command) noexcept {
+  if (plannedFailure(Call::kSystem)) return -1;
+  return std::system(command);
 }
 
 void syslog(int priority, const char* format, ...) noexcept {

@@ -34,6 +34,7 @@ enum class Call : unsigned {
   kLstat,
   kFopen,
   kSnprintf,
+  kSystem,
   kCount
 };
 
@@ -57,6 +58,10 @@ std::FILE* fopen(const char* path, const char* mode) noexcept;
 // A planned failure returns -1 and writes nothing, as a failing formatter.
 int snprintf(char* buffer, std::size_t size, const char* format, ...) noexcept
     __attribute__((format(printf, 3, 4)));
+
+// The shell commands of the library (copies of dump files, the journal).
+// A planned failure returns -1 as a shell that cannot be started does.
+int system(const char* command) noexcept;
 
 void syslog(int priority, const char* format, ...) noexcept __attribute__((format(printf, 2, 3)));
 void openlog(const char* ident, int option, int facility) noexcept;

@@ -283,6 +283,64 @@ NODETRACE_API void printTraceSetInfo(int16_t traceSetId, TraceSetStruct *descrip
  *  TRACE_RC_NO_DESCRIPTOR (-10) when a user set has no descriptor (the report
  *  ends there). File errors are printed on standard error. Takes no lock. */
 NODETRACE_API int32_t printTraceSetsInfo(int16_t verbose);
+/* ---- Searching entries ---------------------------------------------------- */
+/** Takes the newest entries of severityMask (and of categoryMasks[i], all
+ *  categories when categoryMasks is null) across the numberTraceSets sets of
+ *  traceSetIds, in falling sequence order, while a budget lasts. countEntries
+ *  1: the budget counts entries (an entry fits while *total < limit);
+ *  otherwise it counts slot bytes (an entry fits while *total plus its slot
+ *  size is below limit). Per set, numberEntries[i] receives how many entries
+ *  were taken (0 for all sets at the start) and startIndexes[i] the slot of
+ *  the oldest one taken (written only when some were). *total grows with
+ *  every entry taken and becomes limit at the first one that does not fit.
+ *  Complaints about unexpected data go to the error trace set. Takes no
+ *  lock. */
+NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16_t *traceSetIds,
+                                            uint16_t *startIndexes, uint16_t *numberEntries,
+                                            uint32_t *total, uint8_t severityMask,
+                                            const uint32_t *categoryMasks, uint32_t limit,
+                                            int32_t countEntries);
+/** Replaces *index by the next slot after it, towards newer entries, whose
+ *  entry matches severityMask and categoryMask; leaves it as it is when
+ *  there is none before writeIndex (the entry at writeIndex itself, the
+ *  oldest of a full ring, is still tested). fromFile is 1 for the sets of
+ *  the SRAM file (255, 254). A null descriptor does nothing. */
+NODETRACE_API void findNextMatch(const TraceSetStruct *descriptor, int32_t fromFile, uint16_t *index,
+                                 uint8_t severityMask, uint32_t categoryMask);
+/* ---- Dump files ------------------------------------------------------------ */
+/** Writes every user trace set, and with withSramSets 1 also "NVJ_System"
+ *  and "System", into the binary dump file fileName: header, descriptors and
+ *  each set's entries oldest first, all multi-byte fields in network byte
+ *  order. debugMode 1 dumps every entry; any other value leaves out DBG
+ *  entries (0 also lowers the set's counts in the file to what was written).
+ *  The file is made as "/tmp/traceDump.tmp" (created exclusively: one dump
+ *  of the node at a time) and copied to fileName, a partial one too.
+ *  Returns 0, or TRACE_RC_FILE_ERROR (-6) on any failure, which is recorded
+ *  in the error trace set. Takes no lock. */
+NODETRACE_API int32_t dumpTracesToFile(const char *fileName, uint32_t withSramSets, uint32_t debugMode);
+/** The dump before a reset: the newest WAR, then NOT, INF and DBG entries of
+ *  the user trace sets that fit into 972800 bytes, in the dump file layout
+ *  (time stamps in the node's byte order), each set's entries in the order
+ *  they were written. viaTempFile 0: the node's severity filter is ERR only
+ *  while the dump runs, the old "ErrorTrace." and "TraceLog." files of the
+ *  slot named in "/tmp/oldTrace" are removed, and the file is written at
+ *  fileName (at most 39 characters of it). Otherwise the dump is written to
+ *  "/tmp/tmpTraceDump.bin" and copied to fileName. Returns 0 or
+ *  TRACE_RC_FILE_ERROR (-6). Takes no lock. */
+NODETRACE_API int32_t dumpTracesBeforeReset(const char *fileName, uint32_t viaTempFile);
+/* ---- Clearing a trace set and capturing the journal ------------------------ */
+/** Empties user trace set traceSetId (low 16 bits, a signed id) under the
+ *  trace lock: writeIndex, curentNumberEntries and totalNumberEntries become
+ *  0; the slots and the node-wide entry count stay. Returns 0,
+ *  TRACE_RC_UNKNOWN_SET (-5) for 255, 254 or an unknown id, or
+ *  TRACE_RC_NO_DESCRIPTOR (-10). */
+NODETRACE_API int32_t clearTraceSet(int32_t traceSetId);
+/** Saves the journal of the current boot as "/ffs/run/logs/JournalLog.<n>",
+ *  n the node's reset counter, and removes all but the five newest such
+ *  files. Does nothing and returns 0 when the counter is 0; otherwise
+ *  returns the status of the last shell command, or the result of recording
+ *  a shell that could not be started. */
+NODETRACE_API int32_t dumpJournalLogs(void);
 
 /* ---- Remote entries ------------------------------------------------------- */
 

@@ -17,6 +17,11 @@ std::vector<PlatformCall> g_calls;
 int g_productType = 0;
 int g_resetCount = 0;
 int g_registerDomainResult = 0;
+std::function<void(const PlatformCall&)> g_openObserver;
+
+void observeOpen(const PlatformCall& call) {
+  if (g_openObserver) g_openObserver(call);
+}
 
 void record(PlatformCall call) {
   std::lock_guard lock(g_mutex);
@@ -58,8 +63,13 @@ void setProductType(int productType) { g_productType = productType; }
 void setResetCount(int resetCount) { g_resetCount = resetCount; }
 void setRegisterDomainResult(int result) { g_registerDomainResult = result; }
 
+void setFileOpenObserver(std::function<void(const PlatformCall&)> observer) {
+  g_openObserver = std::move(observer);
+}
+
 void resetPlatformDouble() {
   clearPlatformCalls();
+  g_openObserver = nullptr;
   g_productType = 0;
   g_resetCount = 0;
   g_registerDomainResult = 0;
@@ -113,14 +123,18 @@ int ZqSysLogPrintHD(uint32_t level, const void* data, uint32_t length, const cha
 
 int omluOpenFile(const char* path, int flags, const char* srcFile, int srcLine) {
   const int fd = open(path, flags);
-  record({"omluOpenFile", path, {flags, srcLine, fd}, {}, srcFile != nullptr ? srcFile : ""});
+  const PlatformCall call{"omluOpenFile", path, {flags, srcLine, fd}, {}, srcFile != nullptr ? srcFile : ""};
+  record(call);
+  nt::test::observeOpen(call);
   return fd;
 }
 
 int omluOpenFileWithMode(const char* path, int flags, mode_t mode, const char* srcFile, int srcLine) {
   const int fd = open(path, flags, mode);
-  record({"omluOpenFileWithMode", path, {flags, static_cast<long long>(mode), srcLine, fd}, {},
-          srcFile != nullptr ? srcFile : ""});
+  const PlatformCall call{"omluOpenFileWithMode", path, {flags, static_cast<long long>(mode), srcLine, fd}, {},
+                          srcFile != nullptr ? srcFile : ""};
+  record(call);
+  nt::test::observeOpen(call);
   return fd;
 }
 

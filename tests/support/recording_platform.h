@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,5 +29,11 @@ void setProductType(int productType);
 void setResetCount(int resetCount);
 void setRegisterDomainResult(int result);
 void resetPlatformDouble();
+
+// Runs observer inside every omluOpenFile and omluOpenFileWithMode, after the
+// file was opened (or not), with the call as it is recorded: a test can look
+// at the node while the library holds the file open. An empty function
+// removes it; resetPlatformDouble() does too.
+void setFileOpenObserver(std::function<void(const PlatformCall&)> observer);
 
 }  // namespace nt::test

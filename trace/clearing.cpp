@@ -1,0 +1,31 @@
+// Clearing a user trace set: its ring starts again empty.
+//
+// Only the descriptor's counters are reset, under the trace lock: the slots
+// keep their old bytes (no reader looks past curentNumberEntries), and the
+// node-wide numbering of entries goes on. The two sets of the SRAM file are
+// never cleared here.
+
+#include "nodetrace/nodetrace.h"
+#include "trace/shared_access.h"
+#include "trace/trace_lock.h"
+#include "trace/trace_system.h"
+
+extern "C" NODETRACE_API int32_t clearTraceSet(int32_t traceSetId) {
+  nt::initTraceSystem();
+  // Only the low 16 bits count, as a signed id.
+  const auto id = static_cast<int16_t>(static_cast<uint16_t>(traceSetId & 0xFFFF));
+  if (id == SYSTEM_TRACE_SET_ID || (needsRemoteTraceSupport() == 1 && id == REMOTE_SYSTEM_TRACE_SET_ID)) {
+    return TRACE_RC_UNKNOWN_SET;
+  }
+  if (isValidTraceSetId(static_cast<uint16_t>(id)) == 0) return TRACE_RC_UNKNOWN_SET;
+  TraceSetStruct* descriptor = getTraceSetStruct(static_cast<uint16_t>(id));
+  if (descriptor == nullptr) return TRACE_RC_NO_DESCRIPTOR;
+
+  // When the lock cannot be had within its deadline the set is cleared
+  // without it.
+  const nt::TraceLockGuard lock;
+  nt::storeShared(&descriptor->writeIndex, 0);
+  nt::storeShared(&descriptor->curentNumberEntries, 0);
+  nt::storeShared(&descriptor->totalNumberEntries, 0);
+  return 0;
+}

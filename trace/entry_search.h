@@ -1,0 +1,25 @@
+// The entry search inside the library: the backward walk through one ring
+// that findMatchingTraceEntries merges across sets.
+#pragma once
+
+#include <cstdint>
+
+#include "nodetrace/trace_layout.h"
+
+namespace nt {
+
+// No slot: the result of a walk that found nothing.
+inline constexpr std::uint32_t kNoSlot = 0xFFFFFFFFu;
+
+// In one trace set, from slot index towards older entries, the first slot
+// whose entry matches (severityMask & severity and categoryMask & category
+// both non-zero), or kNoSlot. *firstStep is 1 until the walk has passed a
+// non-matching entry; while it is 1 the walk may examine the stop slot (the
+// newest slot of a full ring). fromFile is 1 for the two sets of the SRAM
+// file, whose headers are read from the file. Complaints about the index and
+// the result go to the error trace set.
+std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint16_t index,
+                                    std::uint8_t severityMask, std::uint32_t categoryMask,
+                                    std::int32_t* firstStep, std::int32_t fromFile) noexcept;
+
+}  // namespace nt

@@ -1,0 +1,65 @@
+// Reading records that other processes write while we read them: whole
+// copies of a shared record, and the address of a user set's slot checked
+// against the mapping.
+//
+// Descriptors and slot headers in the shared memory are hostile input to a
+// reader: a damaged descriptor may name a slot past the end of the mapping
+// or at an odd address. Every slot address a search or a dump uses comes
+// from userSlot(), which refuses such slots instead of reaching for them.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "nodetrace/nodetrace.h"
+#include "trace/shared_access.h"
+#include "trace/trace_system.h"
+
+namespace nt {
+
+// A copy of a 4-byte aligned shared record (header, descriptor, entry
+// header), taken word by word so that every field is read whole.
+template <typename Record>
+Record loadRecord(const Record* shared) noexcept {
+  static_assert(sizeof(Record) % sizeof(std::uint32_t) == 0);
+  constexpr std::size_t kWords = sizeof(Record) / sizeof(std::uint32_t);
+  std::uint32_t words[kWords];
+  const auto* source = reinterpret_cast<const std::uint32_t*>(shared);
+  for (std::size_t i = 0; i < kWords; ++i) words[i] = loadShared(&source[i]);
+  Record copy;
+  std::memcpy(&copy, words, sizeof copy);
+  return copy;
+}
+
+// The ring geometry of a set, read once from its descriptor.
+struct Ring {
+  std::uint16_t capacity = 0;    // maxNumberEntries
+  std::uint16_t maxLength = 0;   // traceEntryContentsLength
+  std::uint16_t writeIndex = 0;
+  std::uint16_t current = 0;     // curentNumberEntries
+  std::uint32_t dataOffset = 0;
+  std::uint32_t slotSize = 0;    // getTraceEntrySize(maxLength)
+};
+
+inline Ring ringOf(const TraceSetStruct* descriptor) noexcept {
+  Ring ring;
+  ring.capacity = loadShared(&descriptor->maxNumberEntries);
+  ring.maxLength = loadShared(&descriptor->traceEntryContentsLength);
+  ring.writeIndex = loadShared(&descriptor->writeIndex);
+  ring.current = loadShared(&descriptor->curentNumberEntries);
+  ring.dataOffset = loadShared(&descriptor->dataOffset);
+  ring.slotSize = getTraceEntrySize(ring.maxLength);
+  return ring;
+}
+
+// Slot `index` of a user set in this process's mapping, or null when the
+// process has no mapping, the slot would reach past its end, or the slot is
+// not word-aligned (a damaged dataOffset).
+inline std::uint8_t* userSlot(const Ring& ring, std::uint32_t index) noexcept {
+  if (g_process.base == nullptr || ring.dataOffset % 4u != 0) return nullptr;
+  const std::uint64_t offset = ring.dataOffset + static_cast<std::uint64_t>(ring.slotSize) * index;
+  if (offset + ring.slotSize > g_process.size) return nullptr;
+  return g_process.base + offset;
+}
+
+}  // namespace nt
