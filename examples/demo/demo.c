@@ -285,6 +285,40 @@ static void writeAndRead(void) {
   wait(NULL);
 }
 
+static long fileSize(const char *path) {
+  struct stat status;
+  return stat(path, &status) == 0 ? (long)status.st_size : -1L;
+}
+
+/* Finds the newest entries, writes both dump files, then empties a set. */
+static void searchDumpAndClear(const char *root) {
+  const int16_t ids[2] = {g_radio, g_frames};
+  uint16_t start[2] = {0, 0};
+  uint16_t counts[2] = {0, 0};
+  uint32_t total = 0;
+  findMatchingTraceEntries(2, ids, start, counts, &total, TRACE_SEVERITY_ERR | TRACE_SEVERITY_WAR | TRACE_SEVERITY_INF, NULL, 5,
+                           1);
+  printf("  findMatchingTraceEntries, newest 5 ERR/WAR/INF entries of both sets: %u of \"Radio\" "
+         "from slot %u, %u of \"Frames\" from slot %u\n",
+         (unsigned)counts[0], (unsigned)start[0], (unsigned)counts[1], (unsigned)start[1]);
+
+  char path[512];
+  snprintf(path, sizeof path, "%s/tmp/traceDump.bin", root);
+  int32_t rc = dumpTracesToFile(path, 1, 1);
+  printf("  dumpTracesToFile(\"%s\", with SRAM sets, all entries): %d, %ld bytes\n", path, (int)rc,
+         fileSize(path));
+  snprintf(path, sizeof path, "%s/tmp/beforeReset.bin", root);
+  rc = dumpTracesBeforeReset(path, 1);
+  printf("  dumpTracesBeforeReset(\"%s\", via temporary file): %d, %ld bytes\n", path, (int)rc,
+         fileSize(path));
+
+  const TraceSetStruct *frames = getTraceSetStruct(g_frames);
+  const unsigned before = frames != NULL ? (unsigned)frames->curentNumberEntries : 0u;
+  rc = clearTraceSet(g_frames);
+  printf("  clearTraceSet(\"Frames\"): %d; its entries %u -> %u\n", (int)rc, before,
+         frames != NULL ? (unsigned)frames->curentNumberEntries : 0u);
+}
+
 int main(int argc, char **argv) {
   const char *root = NODETRACE_DEMO_ROOT;
   const char *directories[] = {"/var/log", "/ffs/run/logs", "/tmp", "/opt/qmb/etc"};
@@ -335,6 +369,9 @@ int main(int argc, char **argv) {
          "tag (\"Radio\" 0x%06X, \"Frames\" unknown: 0x%06X); the bridge's own lines are in\n"
          "%s:\n", (unsigned)getHBKFeatureTag("Radio"), (unsigned)hbk_syslog_map[HBK_SYSLOG_MAP_ROWS - 1].tag, logPath);
   printLocalLog(logPath);
+
+  printf("\nsearching the newest entries, dumping the store to files, clearing a set:\n");
+  searchDumpAndClear(root);
 
   printf("\na refused request lands in the persistent error trace set:\n");
   int16_t id = 99;

@@ -283,6 +283,7 @@ NODETRACE_API void printTraceSetInfo(int16_t traceSetId, TraceSetStruct *descrip
  *  TRACE_RC_NO_DESCRIPTOR (-10) when a user set has no descriptor (the report
  *  ends there). File errors are printed on standard error. Takes no lock. */
 NODETRACE_API int32_t printTraceSetsInfo(int16_t verbose);
+
 /* ---- Searching entries ---------------------------------------------------- */
 /** Takes the newest entries of severityMask (and of categoryMasks[i], all
  *  categories when categoryMasks is null) across the numberTraceSets sets of
@@ -307,6 +308,7 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
  *  the SRAM file (255, 254). A null descriptor does nothing. */
 NODETRACE_API void findNextMatch(const TraceSetStruct *descriptor, int32_t fromFile, uint16_t *index,
                                  uint8_t severityMask, uint32_t categoryMask);
+
 /* ---- Dump files ------------------------------------------------------------ */
 /** Writes every user trace set, and with withSramSets 1 also "NVJ_System"
  *  and "System", into the binary dump file fileName: header, descriptors and
@@ -328,6 +330,7 @@ NODETRACE_API int32_t dumpTracesToFile(const char *fileName, uint32_t withSramSe
  *  "/tmp/tmpTraceDump.bin" and copied to fileName. Returns 0 or
  *  TRACE_RC_FILE_ERROR (-6). Takes no lock. */
 NODETRACE_API int32_t dumpTracesBeforeReset(const char *fileName, uint32_t viaTempFile);
+
 /* ---- Clearing a trace set and capturing the journal ------------------------ */
 /** Empties user trace set traceSetId (low 16 bits, a signed id) under the
  *  trace lock: writeIndex, curentNumberEntries and totalNumberEntries become
