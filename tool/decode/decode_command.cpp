@@ -38,7 +38,7 @@ void addDecodeCommand(CLI::App& app) {
                    "or auto (detected per file)")
       ->check(CLI::IsMember({"auto", "network", "little"}))
       ->capture_default_str();
-  command->add_option("--output", line->output, "Write to FILE instead of standard output");
+  command->add_option("--output", line->output, "Write to FILE instead of standard output (- is standard output)");
   command
       ->add_option("--line-format", line->lineFormat,
                    "Layout of a text line, with the directives of the entry formatter (%C %I %P %p %S %T %c %i "
