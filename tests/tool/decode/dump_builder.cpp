@@ -10,7 +10,9 @@ namespace nodetrace_tool::decode::test {
 namespace {
 
 void putLe32(Bytes& bytes, std::size_t offset, std::uint32_t value) {
-  for (int i = 0; i < 4; ++i) bytes[offset + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(value >> (8 * i));
+  for (int i = 0; i < 4; ++i) {
+    bytes[offset + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(value >> (8 * i));
+  }
 }
 
 void putText(Bytes& bytes, std::size_t offset, const std::string& text, std::size_t size) {
@@ -27,7 +29,9 @@ void putBe16(Bytes& bytes, std::size_t offset, std::uint16_t value) {
 }
 
 void putBe32(Bytes& bytes, std::size_t offset, std::uint32_t value) {
-  for (int i = 0; i < 4; ++i) bytes[offset + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
+  for (int i = 0; i < 4; ++i) {
+    bytes[offset + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
+  }
 }
 
 Bytes buildDump(const BuiltDump& dump, TimeOrder stamps) {
