@@ -1,0 +1,50 @@
+#include "tool/decode/decode_run.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+namespace nodetrace_tool::decode {
+namespace {
+
+constexpr const char* kPrefix = "nodetrace decode: ";
+constexpr int kFailure = 1;
+
+}  // namespace
+
+int runDecode(const DecodeOptions& options, std::ostream& out, std::ostream& err) {
+  std::ofstream file;
+  std::ostream* sink = &out;
+  if (!options.output.empty() && options.output != "-") {
+    errno = 0;
+    file.open(options.output, std::ios::binary | std::ios::trunc);
+    if (!file) {
+      const int error = errno;
+      err << kPrefix << options.output << ": cannot write: "
+          << (error != 0 ? std::strerror(error) : "cannot open the file") << '\n';
+      return kFailure;
+    }
+    sink = &file;
+  }
+
+  std::vector<DecodedFile> files;
+  files.reserve(options.files.size());
+  for (const std::string& path : options.files) files.push_back(readDumpFile(path, options.timeOrder));
+
+  writeEntries(*sink, files, mergeByTime(files), options.format, options.lineFormat);
+  sink->flush();
+
+  int status = 0;
+  for (const DecodedFile& decoded : files) {
+    if (!decoded.error) continue;
+    err << kPrefix << decoded.name << ": " << decoded.error->message << '\n';
+    status = kFailure;
+  }
+  if (!*sink) {
+    err << kPrefix << (sink == &file ? options.output : std::string("standard output")) << ": write failed\n";
+    status = kFailure;
+  }
+  return status;
+}
+
+}  // namespace nodetrace_tool::decode
