@@ -107,11 +107,12 @@ std::string bytesOfHex(const std::string& text) {
 
 // Explains on standard error why an entry that the library accepted was not
 // stored: the library drops filtered entries silently, as any trace call.
+// Only ERR entries and entries for System pass without the filters.
 void noteFiltered(std::int16_t id, std::uint8_t severityBit, std::uint32_t category) {
   const char* reason = nullptr;
   if (isTraceEnabled() == 0) {
     reason = "the trace system is disabled";
-  } else if ((severityBit & TRACE_SEVERITY_ERROR_CLASS) == 0 && !isSramSet(id)) {
+  } else if (severityBit != TRACE_SEVERITY_ERR && id != SYSTEM_TRACE_SET_ID) {
     if ((getSeverityFilter() & severityBit) == 0) {
       reason = "the severity filter lets no entry of this severity through";
     } else if ((static_cast<std::uint32_t>(getCategoryMask(id)) & category) == 0) {
@@ -135,6 +136,9 @@ void write(const WriteOptions& options) {
   const TraceSetStruct* descriptor = getTraceSetStruct(static_cast<std::uint16_t>(id));
   const bool dumpSet = descriptor != nullptr && descriptor->type != TS_STRING && !isSramSet(id);
   if (options.hex && !dumpSet) throw ToolError("--hex needs a trace set of dump entries; " + options.set + " keeps text");
+  if (dumpSet && (bit & TRACE_SEVERITY_ERROR_CLASS) != 0) {
+    throw ToolError("entries of ERR, WAR and NOT go to System, which keeps text; " + options.set + " keeps dump entries");
+  }
   int result = 0;
   if (dumpSet) {
     const std::string bytes = options.hex ? bytesOfHex(text) : text;
@@ -162,7 +166,7 @@ void addControlCommands(CLI::App& app) {
   severityCommand->footer(
       "Arguments: [+NAME|-NAME]...\n"
       "  +NAME lets entries of severity NAME through the node-wide filter, -NAME filters them out;\n"
-      "  the filter in force afterwards is printed. ERR, WAR and NOT always reach System.");
+      "  the filter in force afterwards is printed.");
   severityCommand->callback([severityCommand] { severity(severityCommand->remaining()); });
 
   auto maskSet = std::make_shared<std::string>();
