@@ -24,6 +24,10 @@ std::string usageMessage(const CLI::App* app, const CLI::Error& error) {
   return "nodetrace: " + std::string(error.what()) + "\nRun '" + command + " --help' for more information.\n";
 }
 
+bool isCommand(CLI::App& app, const std::string& name) {
+  return !app.get_subcommands([&name](CLI::App* command) { return command->check_name(name); }).empty();
+}
+
 }  // namespace
 
 int runTool(int argc, char** argv) {
@@ -39,6 +43,11 @@ int runTool(int argc, char** argv) {
 #ifdef NODETRACE_TOOL_HAS_DECODE
   addDecodeCommand(app);
 #endif
+  // CLI11 would first complain that a command is required.
+  if (argc > 1 && argv[1][0] != '-' && !isCommand(app, argv[1])) {
+    std::fprintf(stderr, "nodetrace: unknown command '%s'\nRun 'nodetrace --help' for more information.\n", argv[1]);
+    return kUsageExitCode;
+  }
   try {
     app.parse(argc, argv);
   } catch (const ToolError& error) {
