@@ -181,6 +181,9 @@ void follow(const FollowOptions& options) {
   }
   if (allSets) ids = defaultTraceSetIds();
 
+  // From here on SIGINT and SIGTERM end the listing normally.
+  catchStopSignals();
+
   // Start: the last lines of the merged stream, as tail -f does.
   const std::uint32_t floor = getTotalNumberTraceEntries();
   std::vector<FollowedSet> sets;
@@ -207,7 +210,6 @@ void follow(const FollowOptions& options) {
   for (const ListedEntry& entry : history) printEntry(entry, descriptorOf(entry.setId), options.format);
   std::fflush(stdout);
 
-  catchStopSignals();
   while (g_stop == 0) {
     sleepMilliseconds(options.interval);
     if (g_stop != 0) break;

@@ -73,7 +73,10 @@ TEST_F(FollowTest, FiltersAndNamedSets) {
   allowDebug();
   const std::int16_t radio = createSet("Radio", TS_STRING, 16, 128);
   const std::int16_t power = createSet("Power", TS_STRING, 16, 128);
-  RunningTool tool(toolEnvironment(), follow({"Radio", "-s", "DBG"}));
+  text(radio, TRACE_SEVERITY_DBG, "start");
+  text(radio, TRACE_SEVERITY_INF, "info before");
+  RunningTool tool(toolEnvironment(), follow({"Radio", "-s", "DBG", "-n", "1"}));
+  expectLine(tool, "Radio start");  // the tool has taken its start
   EXPECT_EQ(runInChild([&] {
               tracePrintf(static_cast<std::uint16_t>(power), TRACE_SEVERITY_DBG, 1, "f.c", 1, "power");
               tracePrintf(static_cast<std::uint16_t>(radio), TRACE_SEVERITY_INF, 1, "f.c", 2, "info");
