@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -16,6 +17,9 @@ extern char** environ;
 
 #ifndef NODETRACE_TOOL_PROGRAM
 #error "NODETRACE_TOOL_PROGRAM must name the tool program built for test nodes"
+#endif
+#ifndef NODETRACE_TOOL_EMULATOR
+#define NODETRACE_TOOL_EMULATOR ""
 #endif
 
 namespace nt::test {
@@ -48,7 +52,15 @@ int statusOf(int status) {
 // standard input from /dev/null.
 pid_t spawnTool(const std::vector<std::string>& environment, const std::vector<std::string>& arguments, int outFd,
                 int errFd) {
-  std::vector<std::string> argumentStore{NODETRACE_TOOL_PROGRAM};
+  // The emulator's words first, if the tool needs one.
+  std::vector<std::string> argumentStore;
+  const std::string_view emulator = NODETRACE_TOOL_EMULATOR;
+  for (std::size_t start = 0; start < emulator.size();) {
+    const std::size_t end = std::min(emulator.find('|', start), emulator.size());
+    argumentStore.emplace_back(emulator.substr(start, end - start));
+    start = end + 1;
+  }
+  argumentStore.emplace_back(NODETRACE_TOOL_PROGRAM);
   argumentStore.insert(argumentStore.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
   for (std::string& argument : argumentStore) argv.push_back(argument.data());
