@@ -46,3 +46,9 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/nodetrace.pc.in
                ${PROJECT_BINARY_DIR}/nodetrace.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/nodetrace.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The command-line tool and its manual page.
+if(TARGET nodetrace_cli)
+  install(TARGETS nodetrace_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES ${PROJECT_SOURCE_DIR}/tool/nodetrace.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()

@@ -1,0 +1,56 @@
+// What the commands of the tool share: their error type, the reading of
+// severity names, category masks and trace set names from the command line,
+// and plain words for the library's result codes.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace nodetrace_tool {
+
+// A command that cannot do its work throws this; main prints
+// "nodetrace: <message>" on standard error and ends with exitCode.
+class ToolError : public std::runtime_error {
+ public:
+  explicit ToolError(const std::string& message, int exitCode = 1)
+      : std::runtime_error(message), exitCode_(exitCode) {}
+  int exitCode() const noexcept { return exitCode_; }
+
+ private:
+  int exitCode_;
+};
+
+// Exit status of wrong use of the command line (unknown option, missing
+// argument), as shells and other tools use it.
+inline constexpr int kUsageExitCode = 2;
+
+// The severity bit of a name: ERR, WAR, INF, DBG or NOT, in any case.
+std::uint8_t severityBit(std::string_view name);
+
+// The severity bits of names, each of which may itself be a comma-separated
+// list ("ERR,WAR"). An empty list gives every severity.
+std::uint8_t severityBits(const std::vector<std::string>& names);
+
+// "ERR WAR INF NOT" for 0xE8; "none" for 0.
+std::string severityNames(std::uint8_t bits);
+
+// A category mask written in hexadecimal, with or without "0x" ("0x0000000F",
+// "f"), as the trace mask file has them.
+std::uint32_t parseCategoryMask(std::string_view text);
+
+// The id of a trace set given by name ("Radio", "System", "NVJ_System") or by
+// its number ("3", "255").
+std::int16_t traceSetId(std::string_view nameOrNumber);
+
+// The sets an entry listing shows when none are named: every user set in
+// creation order, then "System" and "NVJ_System".
+std::vector<std::int16_t> defaultTraceSetIds();
+
+// Plain words for a negative result of the library, with the code:
+// "no trace set has that id (-5)".
+std::string describeResult(int result);
+
+}  // namespace nodetrace_tool

@@ -1,0 +1,128 @@
+// nodetrace dump and nodetrace dump-before-reset: dump files written by the
+// library's two dump operations.
+//
+// Both operations write a temporary file and copy it into place with a shell
+// command whose result they do not examine, and they put the name into that
+// command as it is. So the tool takes only names the shell passes on
+// unchanged, makes sure beforehand that the file can be written, and checks
+// afterwards that the copy arrived.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "nodetrace/nodetrace.h"
+#include "tool/arguments.h"
+#include "tool/commands.h"
+
+namespace nodetrace_tool {
+
+namespace {
+
+// The dump before reset writes directly to the name cut to this many
+// characters.
+constexpr std::size_t kDirectNameLimit = 39;
+// Room for the name in the library's copy commands (200 bytes, with the
+// temporary file's name twice).
+constexpr std::size_t kCopiedNameLimit = 120;
+
+bool shellNeutral(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+         std::strchr("/._-+,:@%=", c) != nullptr;
+}
+
+void checkDumpFileName(const std::string& file, std::size_t limit) {
+  if (file.empty()) throw ToolError("the dump file name is empty");
+  if (file.size() > limit) {
+    throw ToolError("the dump file name '" + file + "' is longer than " + std::to_string(limit) + " characters");
+  }
+  for (char c : file) {
+    if (!shellNeutral(c)) {
+      throw ToolError("the dump file name '" + file +
+                      "' may hold only letters, digits and / . _ - + , : @ % = (the library copies the file "
+                      "with a shell command)");
+    }
+  }
+  if (file[0] == '-') throw ToolError("the dump file name '" + file + "' starts with '-'; write ./" + file);
+}
+
+// Creates the file or empties it: a dump that does not arrive then leaves
+// an empty file behind, which the check afterwards sees.
+void prepareDumpFile(const std::string& file) {
+  struct stat status {};
+  if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    throw ToolError("cannot write the dump file '" + file + "': not a regular file");
+  }
+  const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0664);
+  if (fd == -1) throw ToolError("cannot write the dump file '" + file + "': " + std::strerror(errno));
+  close(fd);
+}
+
+void checkDumpArrived(const std::string& file) {
+  struct stat status {};
+  if (stat(file.c_str(), &status) != 0 || status.st_size < static_cast<off_t>(TRACE_MEMORY_HEADER_SIZE)) {
+    throw ToolError("the dump file '" + file + "' was not written (copying the temporary dump failed)");
+  }
+}
+
+struct DumpOptions {
+  std::string file;
+  bool withSram = false;
+  bool debug = false;
+  bool direct = false;
+};
+
+void dump(const DumpOptions& options) {
+  checkDumpFileName(options.file, kCopiedNameLimit);
+  prepareDumpFile(options.file);
+  const int32_t result = dumpTracesToFile(options.file.c_str(), options.withSram ? 1 : 0, options.debug ? 1 : 0);
+  if (result != 0) {
+    throw ToolError("the dump to '" + options.file + "' failed: " + describeResult(result) +
+                    "; the reason is recorded in the error trace set System");
+  }
+  checkDumpArrived(options.file);
+}
+
+void dumpBeforeReset(const DumpOptions& options) {
+  checkDumpFileName(options.file, options.direct ? kDirectNameLimit : kCopiedNameLimit);
+  prepareDumpFile(options.file);
+  const int32_t result = dumpTracesBeforeReset(options.file.c_str(), options.direct ? 0 : 1);
+  if (result != 0) {
+    throw ToolError("the dump before reset to '" + options.file + "' failed: " + describeResult(result) +
+                    "; the reason is recorded in the error trace set System");
+  }
+  checkDumpArrived(options.file);
+}
+
+}  // namespace
+
+void addDumpCommands(CLI::App& app) {
+  auto options = std::make_shared<DumpOptions>();
+  CLI::App* command = app.add_subcommand(
+      "dump", "Write every user trace set, entries oldest first, into a dump file (network byte order)");
+  command->add_option("FILE", options->file, "The dump file to write")->required()
+      ->type_name("");
+  command->add_flag("--with-sram", options->withSram, "Also dump the sets of the SRAM file, NVJ_System and System");
+  command->add_flag("--debug", options->debug, "Also dump entries of severity DBG, which are left out otherwise");
+  command->callback([options] { dump(*options); });
+
+  auto resetOptions = std::make_shared<DumpOptions>();
+  CLI::App* beforeReset = app.add_subcommand(
+      "dump-before-reset",
+      "Write the newest WAR, NOT, INF and DBG entries of the user trace sets that fit into 950 KiB, as the "
+      "reset handling does, into a dump file");
+  beforeReset->add_option("FILE", resetOptions->file, "The dump file to write")->required()
+      ->type_name("");
+  beforeReset->add_flag("--direct", resetOptions->direct,
+                        "Write FILE directly as the reset handling does: only ERR entries are traced while the "
+                        "dump runs, and the old dump files of the slot named in /tmp/oldTrace are removed "
+                        "(FILE at most 39 characters)");
+  beforeReset->callback([resetOptions] { dumpBeforeReset(*resetOptions); });
+}
+
+}  // namespace nodetrace_tool
