@@ -317,6 +317,11 @@ static void searchDumpAndClear(const char *root) {
   rc = clearTraceSet(g_frames);
   printf("  clearTraceSet(\"Frames\"): %d; its entries %u -> %u\n", (int)rc, before,
          frames != NULL ? (unsigned)frames->curentNumberEntries : 0u);
+  static const unsigned char newFrame[12] = {0x7E, 0xFF, 0x03, 0x00, 0x21, 0x45, 0x00, 0x00, 0x1C, 0x4A, 0x7E, 0x0A};
+  TRACE_DUMP(g_frames, TRACE_SEVERITY_INF, 0x100, newFrame, sizeof newFrame);
+  printf("  a new frame goes into slot 0 again: %u entry, next slot %u\n",
+         frames != NULL ? (unsigned)frames->curentNumberEntries : 0u,
+         frames != NULL ? (unsigned)frames->writeIndex : 0u);
 }
 
 int main(int argc, char **argv) {
