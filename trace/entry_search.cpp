@@ -57,8 +57,9 @@ bool matches(const Match& entry, std::uint8_t severityMask, std::uint32_t catego
 
 // Reads slot headers of one ring: straight from the shared memory for a
 // user set, through one descriptor of the SRAM file, opened for the life of
-// this object, for a set of the SRAM file. A slot that cannot be read (past
-// the mapping, a short read) has no header.
+// this object, for a set of the SRAM file. A slot that cannot be read (not
+// reachable in the mapping or the file, damage_policy.h; a short read) has no
+// header.
 class SlotHeaders {
  public:
   SlotHeaders(const Ring& ring, bool fromFile) noexcept : ring_(ring), fromFile_(fromFile) {
@@ -77,7 +78,9 @@ class SlotHeaders {
       out.category = loadShared(&entry->category);
       return true;
     }
-    const off_t offset = static_cast<off_t>(ring_.dataOffset) + static_cast<off_t>(ring_.slotSize) * slot;
+    // A slot outside the regions of the file has no header.
+    const off_t offset = sramSlotOffsetInEitherRegion(ring_.dataOffset, ring_.slotSize, slot);
+    if (offset < 0) return false;
     TraceEntryHeader entry;
     if (sys::lseek(fd_.get(), offset, SEEK_SET) == -1) return false;
     if (sys::read(fd_.get(), &entry, sizeof entry) < static_cast<ssize_t>(sizeof entry)) return false;
@@ -138,10 +141,15 @@ std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint1
       full ? static_cast<std::uint32_t>((ring.writeIndex == 0 ? ring.capacity : ring.writeIndex) - 1)
            : static_cast<std::uint32_t>(ring.capacity - 1);
 
+  // A valid ring is walked in at most capacity + 1 reads (the stop slot may
+  // be examined twice); a damaged writeIndex beyond the ring, whose stop
+  // slot is never met, ends there too.
+  std::uint32_t reads = 0;
+  const std::uint32_t maxReads = static_cast<std::uint32_t>(ring.capacity) + 1u;
   while (!done) {
     const auto slot = static_cast<std::uint16_t>(position % ring.capacity);
     Match entry;
-    if (!headers.read(slot, entry)) {
+    if (++reads > maxReads || !headers.read(slot, entry)) {
       done = true;
     } else if (*firstStep == 0 && slot == stop) {
       done = true;  // full circle
