@@ -40,12 +40,14 @@
 // The refusal chosen per operation, each one a result the operation already
 // has for a missing or unreadable set:
 //
-//   addTraceEntry, tracePrintf   slot not reachable: the entry is dropped
+//   addTraceEntry, tracePrintf   slot not reachable, or a writeIndex beyond
+//                                the ring (until clearTraceSet starts the
+//                                ring again): the entry is dropped
 //                                before any counter moves (or, when another
 //                                writer moved writeIndex meanwhile, after),
 //                                nothing is forwarded, result -10
 //                                (TRACE_RC_NO_DESCRIPTOR).
-//   addRemoteEntry               slot not reachable: the record is dropped
+//   addRemoteEntry               as the entry writer: the record is dropped
 //                                before any counter moves, no syslog line,
 //                                result 0 (the writer reports nothing on its
 //                                failures).
@@ -55,7 +57,8 @@
 //                                its specified re-creation of the file.
 //   addRemoteSystemEntry         slot outside the second region: nothing
 //                                written, -6; the syslog line is written.
-//   getTraceEntry                slot not reachable, or its header unreadable:
+//   getTraceEntry                slot not reachable, an index beyond the
+//                                capacity, or a header unreadable:
 //                                null entry. A contentsLength beyond the
 //                                maximum is cut as specified.
 //   getRecentEntry               a (lastTraceSetId, lastEntryIndex) that names

@@ -51,7 +51,9 @@ TraceEntryHeader* readUserEntry(std::int16_t traceSetId, std::uint16_t index, st
 
   const Ring ring = ringOf(descriptor);
   const std::uint16_t maxLength = ring.maxLength;
-  std::uint8_t* slot = userSlot(ring, index);
+  // A damaged count beyond the capacity does not lead the reader out of the
+  // set's ring.
+  std::uint8_t* slot = index < ring.capacity ? userSlot(ring, index) : nullptr;
   if (slot == nullptr) return nullptr;
   auto* entry = reinterpret_cast<TraceEntryHeader*>(slot);
   std::uint16_t length = loadShared(&entry->contentsLength);

@@ -144,12 +144,12 @@ RingWrite writeToRing(TraceSetStruct* descriptor, std::uint16_t traceSetId, std:
   // serve drops the entry before anything changed. Another writer may move
   // writeIndex between the look and the claim, so the claimed slot is
   // checked again.
-  if (userSlot(ring, loadShared(&descriptor->writeIndex)) == nullptr) {
+  if (ringSlot(ring, loadShared(&descriptor->writeIndex)) == nullptr) {
     return {TRACE_RC_NO_DESCRIPTOR, length, false};
   }
   countEntry(descriptor, ring.capacity);
   const std::uint16_t used = claimSlot(descriptor, ring.capacity);
-  std::uint8_t* slot = userSlot(ring, used);
+  std::uint8_t* slot = ringSlot(ring, used);
   if (slot == nullptr) return {TRACE_RC_NO_DESCRIPTOR, length, false};
 
   TraceEntryHeader entry{};

@@ -176,10 +176,10 @@ int remoteEntry(const RemoteRecord& r, std::uint16_t length, const void* data) n
   ring.maxLength = maxLength;
   ring.dataOffset = loadShared(&descriptor->dataOffset);
   ring.slotSize = getTraceEntrySize(maxLength);
-  if (userSlot(ring, loadShared(&descriptor->writeIndex)) == nullptr) return 0;
+  if (ringSlot(ring, loadShared(&descriptor->writeIndex)) == nullptr) return 0;
   countEntry(descriptor, ring.capacity);
   const std::uint16_t used = claimSlot(descriptor, ring.capacity);
-  std::uint8_t* slot = userSlot(ring, used);
+  std::uint8_t* slot = ringSlot(ring, used);
   if (slot == nullptr) return 0;
   const std::uint32_t sequenceNumber =
       sharedRef(&h->totalNumberTraceEntries).fetch_add(1u, std::memory_order_relaxed);

@@ -64,6 +64,16 @@ inline std::uint8_t* userSlot(const Ring& ring, std::uint32_t index) noexcept {
   return offset < 0 ? nullptr : g_process.base + offset;
 }
 
+// Slot `index` of a user set's ring as a writer may fill it: an index inside
+// the ring (slot 0 for a set without slots, whose entries go to its
+// dataOffset) whose slot is reachable. A damaged writeIndex beyond the ring
+// would write over the next set's region: refused until clearTraceSet
+// starts the ring again.
+inline std::uint8_t* ringSlot(const Ring& ring, std::uint32_t index) noexcept {
+  const std::uint32_t slots = ring.capacity != 0 ? ring.capacity : 1u;
+  return index < slots ? userSlot(ring, index) : nullptr;
+}
+
 // File offset of slot `index` of a set of the SRAM file, or -1 when the slot
 // lies outside the set's region of the file.
 inline off_t sramSlot(std::uint16_t setId, const Ring& ring, std::uint32_t index) noexcept {
