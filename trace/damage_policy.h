@@ -74,7 +74,8 @@
 //   findPrevMatchingEntry,       a slot not reachable has no header: the walk
 //   findNextMatch                of that set ends (0xFFFFFFFF, index kept);
 //                                capacity 0 has nothing to walk.
-//   findMatchingTraceEntries     a set whose walk ends so is exhausted.
+//   findMatchingTraceEntries     a set whose walk ends so is exhausted; no
+//                                set gives more than maxNumberEntries entries.
 //   dumpTracesToFile             a slot not reachable is left out like a
 //                                missing entry (the counts of debugMode 0
 //                                follow); the descriptor is still written.
@@ -82,6 +83,9 @@
 //                                maximum length beyond the buffer is padded
 //                                with zeros.
 //   dumpTracesBeforeReset        a stream whose slot is not reachable ends.
+//   both dumps                   a count above 200: the header of the file
+//                                counts the descriptors it holds (200 user
+//                                sets, and the SRAM sets appended).
 //   both dumps                   links (prevTraceSetId, lastTraceSetId) are
 //                                copied as stored: nothing in the library
 //                                follows them, so a link naming nothing

@@ -247,7 +247,12 @@ void ResetDump::select() noexcept {
 }
 
 bool ResetDump::writeHeader(const TraceMemoryHeader* h) noexcept {
-  const dump::HeaderImage image = dump::headerImage(loadRecord(h));
+  TraceMemoryHeader copy = loadRecord(h);
+  // A damaged count above the table counts the descriptors this file holds.
+  if (copy.currentNumberTraceSets > TRACE_MAX_TRACE_SETS) {
+    copy.currentNumberTraceSets = static_cast<std::uint8_t>(streams_.sets);
+  }
+  const dump::HeaderImage image = dump::headerImage(copy);
   if (dump::writeAll(fd_, image.data(), image.size())) return true;
   NT_DUMP_FAILURE(kHeaderWriteLine, "(%s): Problems writing to file: %d (%s)");
   return false;

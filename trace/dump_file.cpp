@@ -102,6 +102,7 @@ class TraceDump {
   const char* temporary_;
   int fd_ = -1;
   unsigned count_ = 0;  // positions
+  bool countDamaged_ = false;  // currentNumberTraceSets above 200
   std::uint16_t remotePosition_ = kNoPosition;
   std::uint16_t systemPosition_ = kNoPosition;
   Position positions_[kMaxPositions];
@@ -146,7 +147,11 @@ void TraceDump::restoreHeader(TraceMemoryHeader* h) noexcept {
 }
 
 bool TraceDump::writeHeader(TraceMemoryHeader* h) noexcept {
-  const dump::HeaderImage image = dump::headerImage(loadRecord(h));
+  TraceMemoryHeader copy = loadRecord(h);
+  // A damaged count above the table counts the descriptors this file holds,
+  // as a valid one does.
+  if (countDamaged_) copy.currentNumberTraceSets = static_cast<std::uint8_t>(count_);
+  const dump::HeaderImage image = dump::headerImage(copy);
   const bool written = dump::writeAll(fd_, image.data(), image.size());
   if (!written) NT_DUMP_FAILURE(kHeaderWriteLine, "(%s) Problems writing to file %s: %d (%s)", temporary_);
   restoreHeader(h);
@@ -307,7 +312,9 @@ int TraceDump::run(const char* fileName) noexcept {
 
   for (std::size_t p = 0; p < kMaxPositions; ++p) positions_[p].setId = static_cast<std::uint16_t>(p);
   // A damaged count beyond the table is held to it.
-  const unsigned userSets = std::min<unsigned>(loadShared(&h->currentNumberTraceSets), TRACE_MAX_TRACE_SETS);
+  const unsigned storedSets = loadShared(&h->currentNumberTraceSets);
+  countDamaged_ = storedSets > TRACE_MAX_TRACE_SETS;
+  const unsigned userSets = std::min<unsigned>(storedSets, TRACE_MAX_TRACE_SETS);
   appendSramSets(h, userSets);
 
   const bool complete = writeHeader(h) && writeDescriptors() && writeEntries();

@@ -195,18 +195,21 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
     std::uint16_t searchIndex;
     std::int32_t firstStep;
     std::int32_t exhausted;
+    // A walk comes full circle after at most capacity entries; a damaged
+    // writeIndex, whose stop slot is never met, would take them again.
+    std::uint16_t left;
   };
   SetState state[nt::kMaxRequestSets];
 
   bool searching = false;
   for (unsigned i = 0; i < numberTraceSets; ++i) {
     numberEntries[i] = 0;
-    state[i] = {0, 1, 1};
+    state[i] = {0, 1, 1, 0};
     const TraceSetStruct* descriptor = getTraceSetStruct(static_cast<uint16_t>(traceSetIds[i]));
     if (descriptor == nullptr) continue;
     const nt::Ring ring = nt::ringOf(descriptor);
     if (ring.current == 0 || ring.capacity == 0) continue;
-    state[i] = {nt::newestSlot(ring), 1, 0};
+    state[i] = {nt::newestSlot(ring), 1, 0, ring.capacity};
     searching = true;
   }
   if (!searching) return;
@@ -274,6 +277,7 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
       return;
     }
     SetState& taken = state[best];
+    if (--taken.left == 0) taken.exhausted = 1;
     ++numberEntries[best];
     startIndexes[best] = bestIndex;
     taken.searchIndex =
