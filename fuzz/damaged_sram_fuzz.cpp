@@ -127,8 +127,11 @@ void searchAll() {
   std::uint16_t starts[kIdCount];
   std::uint16_t counts[kIdCount];
   std::uint32_t total = 0;
-  findMatchingTraceEntries(kIdCount, kIds, starts, counts, &total, 0xFF, nullptr, 2000, 1);
-  total = 0;
+  // Every pass of a search reads the SRAM file's descriptors again: small
+  // budgets keep the pace up (a few hundred entries, as in the byte count of
+  // the dump before reset near its limit).
+  findMatchingTraceEntries(kIdCount, kIds, starts, counts, &total, 0xFF, nullptr, 300, 1);
+  total = 972800 - 300 * TRACE_SRAM_SLOT_SIZE;
   findMatchingTraceEntries(kIdCount, kIds, starts, counts, &total, TRACE_SEVERITY_NOT, nullptr, 972800, 0);
 }
 

@@ -89,6 +89,9 @@ void exerciseSet(std::int16_t id, std::uint8_t* contents) {
                                    0xFFFF};
   for (const std::uint16_t index : indexes) {
     readAndPrint(id, descriptor, index, contents);
+    // A walk may read every slot of a ring of up to 65535 slots: three
+    // starting points cover the cases and keep the pace up.
+    if (index != 0 && index != snapshot.writeIndex && index != 0xFFFF) continue;
     std::int32_t firstStep = 1;
     nt::findPrevMatchingEntry(descriptor, index, 0xFF, kAllCategories, &firstStep, fromFile ? 1 : 0);
     firstStep = 0;

@@ -57,11 +57,11 @@ inline void useTemporaryNode() {
   if (!relocateNodeNames(root.c_str(), suffix.c_str())) std::abort();
   std::atexit(removeTemporaryNode);
   if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
-  getCurrentNumberTraceSets();  // starts the trace system: mapping and SRAM file
   // No shell commands (the copies of the dumps, the ownership of a re-created
   // SRAM file): a process for each would set the pace. The targets remove the
   // dumps' temporary files themselves.
   sys::refuseShellCommands(true);
+  getCurrentNumberTraceSets();  // starts the trace system: mapping and SRAM file
   if (header() == nullptr) std::abort();
 }
 

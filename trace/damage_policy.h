@@ -30,8 +30,10 @@
 //                   text of a text set is held to 128.
 //
 // Walks are bounded: a backward walk of the entry search reads at most
-// maxNumberEntries + 1 slot headers, a forward step at most maxNumberEntries,
-// a dump of a set at most its (capacity-bounded) count of entries. Counts are
+// maxNumberEntries + 1 slot headers (a writeIndex beyond the ring counts as 0
+// for it, so that it still comes full circle), a forward step at most
+// maxNumberEntries, a dump of a set at most its (capacity-bounded) count of
+// entries, and a search takes at most maxNumberEntries entries of a set. Counts are
 // held to the table: currentNumberTraceSets above 200 counts as 200 wherever
 // ids are walked or validated. maxNumberEntries 0 never divides: a set
 // created with maxEntries 0 keeps its writeIndex and writes at its
@@ -79,10 +81,14 @@
 //   dumpTracesToFile             a slot not reachable is left out like a
 //                                missing entry (the counts of debugMode 0
 //                                follow); the descriptor is still written.
-//                                An entry count is held to the capacity; a
+//                                An entry count is held to the capacity (for
+//                                a SRAM set: to the slots its region holds);
+//                                once no next entry is found the index stays
+//                                (as specified) without further walks. A
 //                                maximum length beyond the buffer is padded
 //                                with zeros.
-//   dumpTracesBeforeReset        a stream whose slot is not reachable ends.
+//   dumpTracesBeforeReset        a stream whose slot is not reachable, or
+//                                whose next entry is not found, ends.
 //   both dumps                   a count above 200: the header of the file
 //                                counts the descriptors it holds (200 user
 //                                sets, and the SRAM sets appended).
@@ -127,6 +133,17 @@ inline off_t sramSlotOffset(std::uint16_t setId, std::uint32_t dataOffset, std::
   const std::uint64_t offset = dataOffset + static_cast<std::uint64_t>(slotSize) * index;
   if (offset < first || offset + slotSize > end) return -1;
   return static_cast<off_t>(offset);
+}
+
+// How many slots of a SRAM set's descriptor fit into the set's region.
+inline std::uint32_t sramSlotsInRegion(std::uint16_t setId, const TraceSetStruct& descriptor) noexcept {
+  const std::uint32_t slotSize = TRACE_ENTRY_HEADER_SIZE + ((descriptor.traceEntryContentsLength + 3u) & ~3u);
+  std::uint32_t slots = 0;
+  while (slots < descriptor.maxNumberEntries &&
+         sramSlotOffset(setId, descriptor.dataOffset, slotSize, slots) >= 0) {
+    ++slots;
+  }
+  return slots;
 }
 
 // The same for a slot whose set is known only to be one of the SRAM file

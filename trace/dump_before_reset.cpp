@@ -201,7 +201,12 @@ int nextEntryToDump(unsigned i, Streams& streams, TraceEntryHeader** entry, std:
   std::uint16_t& count = streams.count[slots[chosen]];
   --count;
   if (count != 0) {
-    findNextMatch(descriptor, 0, &streams.start[slots[chosen]], kStreamSeverity[chosen], kAllCategories);
+    std::uint16_t& start = streams.start[slots[chosen]];
+    const std::uint16_t stepped = start;
+    findNextMatch(descriptor, 0, &start, kStreamSeverity[chosen], kAllCategories);
+    // No next entry of the stream (a ring changed or damaged since the
+    // selection): the stream ends rather than deliver the same slot again.
+    if (start == stepped) count = 0;
   }
   return 1;
 }

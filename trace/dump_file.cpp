@@ -173,6 +173,11 @@ bool TraceDump::writeDescriptors() noexcept {
     // A valid ring never counts more entries than it has slots; a damaged
     // count is held to the capacity.
     position.entries = std::min(copy.curentNumberEntries, copy.maxNumberEntries);
+    // A SRAM set holds no more entries than its region of the file has slots.
+    if (isSramSet(position.setId)) {
+      position.entries = static_cast<std::uint16_t>(
+          std::min<std::uint32_t>(position.entries, sramSlotsInRegion(position.setId, copy)));
+    }
     position.startIndex = copy.curentNumberEntries >= copy.maxNumberEntries ? copy.writeIndex : 0;
     position.kept = position.entries;
     copy.maxNumberEntries = position.entries;
@@ -226,6 +231,7 @@ bool TraceDump::writeEntriesOf(unsigned p) noexcept {
 
   const std::uint32_t contentsSize = descriptor != nullptr ? align32(loadShared(&descriptor->traceEntryContentsLength)) : 0;
   const Ring ring = descriptor != nullptr ? ringOf(descriptor) : Ring{};
+  bool stuck = false;
   for (unsigned k = 0; k < position.entries; ++k) {
     std::memset(contents_, 0, sizeof contents_);
     TraceEntryHeader buffer;
@@ -264,7 +270,14 @@ bool TraceDump::writeEntriesOf(unsigned p) noexcept {
       // not put back.
       --position.kept;
     }
-    findNextMatch(descriptor, fromFile ? 1 : 0, &position.startIndex, kEverySeverity, kAllCategories);
+    // Once a step finds no next entry (a damaged ring that claims more than
+    // it holds), the index stays where it is: the same slot is fetched again
+    // for the rest of the count, without walking the whole ring each time.
+    if (!stuck) {
+      const std::uint16_t stepped = position.startIndex;
+      findNextMatch(descriptor, fromFile ? 1 : 0, &position.startIndex, kEverySeverity, kAllCategories);
+      stuck = position.startIndex == stepped;
+    }
   }
 
   if (debugMode_ == 0) {

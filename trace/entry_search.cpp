@@ -95,9 +95,16 @@ class SlotHeaders {
   ScopedFd fd_;
 };
 
+// The ring's writeIndex for the backward walks. A damaged one beyond the ring
+// counts as 0: the walk then still has a stop slot inside the ring and comes
+// full circle after one round, instead of finding the same entries again.
+std::uint16_t walkWriteIndex(const Ring& ring) noexcept {
+  return ring.writeIndex < ring.capacity ? ring.writeIndex : 0;
+}
+
 // The newest slot of a ring that holds entries.
 std::uint16_t newestSlot(const Ring& ring) noexcept {
-  return static_cast<std::uint16_t>((ring.capacity + ring.writeIndex - 1) % ring.capacity);
+  return static_cast<std::uint16_t>((ring.capacity + walkWriteIndex(ring) - 1) % ring.capacity);
 }
 
 std::uint16_t currentNumberTraceSets() noexcept {
@@ -138,7 +145,7 @@ std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint1
   auto position = static_cast<std::uint16_t>(index + ring.capacity);
   const bool full = ring.current >= ring.capacity;
   const std::uint32_t stop =
-      full ? static_cast<std::uint32_t>((ring.writeIndex == 0 ? ring.capacity : ring.writeIndex) - 1)
+      full ? static_cast<std::uint32_t>((walkWriteIndex(ring) == 0 ? ring.capacity : walkWriteIndex(ring)) - 1)
            : static_cast<std::uint32_t>(ring.capacity - 1);
 
   // A valid ring is walked in at most capacity + 1 reads (the stop slot may
