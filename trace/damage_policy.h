@@ -33,7 +33,7 @@
 // maxNumberEntries + 1 slot headers (a writeIndex beyond the ring counts as 0
 // for it, so that it still comes full circle), a forward step at most
 // maxNumberEntries, a dump of a set at most its (capacity-bounded) count of
-// entries, and a search takes at most maxNumberEntries entries of a set. Counts are
+// entries, and a search takes no more entries of a set than it holds. Counts are
 // held to the table: currentNumberTraceSets above 200 counts as 200 wherever
 // ids are walked or validated. maxNumberEntries 0 never divides: a set
 // created with maxEntries 0 keeps its writeIndex and writes at its
@@ -77,7 +77,8 @@
 //   findNextMatch                of that set ends (0xFFFFFFFF, index kept);
 //                                capacity 0 has nothing to walk.
 //   findMatchingTraceEntries     a set whose walk ends so is exhausted; no
-//                                set gives more than maxNumberEntries entries.
+//                                set gives more entries than it holds
+//                                (curentNumberEntries, at most the capacity).
 //   dumpTracesToFile             a slot not reachable is left out like a
 //                                missing entry (the counts of debugMode 0
 //                                follow); the descriptor is still written.

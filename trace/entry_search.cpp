@@ -23,6 +23,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "nodetrace/nodetrace.h"
@@ -202,8 +203,9 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
     std::uint16_t searchIndex;
     std::int32_t firstStep;
     std::int32_t exhausted;
-    // A walk comes full circle after at most capacity entries; a damaged
-    // writeIndex, whose stop slot is never met, would take them again.
+    // A set gives at most the entries it holds: a walk that would take them
+    // again (a damaged ring, or the 16-bit walk position of a ring of more
+    // than 32768 slots wrapping) ends there.
     std::uint16_t left;
   };
   SetState state[nt::kMaxRequestSets];
@@ -216,7 +218,7 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
     if (descriptor == nullptr) continue;
     const nt::Ring ring = nt::ringOf(descriptor);
     if (ring.current == 0 || ring.capacity == 0) continue;
-    state[i] = {nt::newestSlot(ring), 1, 0, ring.capacity};
+    state[i] = {nt::newestSlot(ring), 1, 0, std::min(ring.current, ring.capacity)};
     searching = true;
   }
   if (!searching) return;
