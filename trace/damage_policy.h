@@ -82,8 +82,9 @@
 //   dumpTracesToFile             a slot not reachable is left out like a
 //                                missing entry (the counts of debugMode 0
 //                                follow); the descriptor is still written.
-//                                An entry count is held to the capacity (for
-//                                a SRAM set: to the slots its region holds);
+//                                An entry count is held to the capacity and
+//                                to the slots the mapping (for a SRAM set: its
+//                                region of the file) holds for the set;
 //                                once no next entry is found the index stays
 //                                (as specified) without further walks. A
 //                                maximum length beyond the buffer is padded

@@ -173,11 +173,13 @@ bool TraceDump::writeDescriptors() noexcept {
     // A valid ring never counts more entries than it has slots; a damaged
     // count is held to the capacity.
     position.entries = std::min(copy.curentNumberEntries, copy.maxNumberEntries);
-    // A SRAM set holds no more entries than its region of the file has slots.
-    if (isSramSet(position.setId)) {
-      position.entries = static_cast<std::uint16_t>(
-          std::min<std::uint32_t>(position.entries, sramSlotsInRegion(position.setId, copy)));
-    }
+    // A SRAM set holds no more entries than its region of the file has slots,
+    // a user set no more than the mapping has slots from its dataOffset on:
+    // a damaged ring whose walk gets stuck on one slot then cannot write that
+    // slot into the file over and over.
+    const std::uint32_t slots = isSramSet(position.setId) ? sramSlotsInRegion(position.setId, copy)
+                                                          : userSlotsInMapping(copy);
+    position.entries = static_cast<std::uint16_t>(std::min<std::uint32_t>(position.entries, slots));
     position.startIndex = copy.curentNumberEntries >= copy.maxNumberEntries ? copy.writeIndex : 0;
     position.kept = position.entries;
     copy.maxNumberEntries = position.entries;

@@ -74,6 +74,17 @@ inline std::uint8_t* ringSlot(const Ring& ring, std::uint32_t index) noexcept {
   return index < slots ? userSlot(ring, index) : nullptr;
 }
 
+// How many slots of a user set's descriptor the mapping holds from its
+// dataOffset on (0 for a dataOffset it cannot serve).
+inline std::uint32_t userSlotsInMapping(const TraceSetStruct& descriptor) noexcept {
+  const std::uint32_t slotSize = getTraceEntrySize(descriptor.traceEntryContentsLength);
+  if (g_process.base == nullptr ||
+      userSlotOffset(descriptor.dataOffset, slotSize, 0, g_process.entryAreaOffset, g_process.size) < 0) {
+    return 0;
+  }
+  return (g_process.size - descriptor.dataOffset) / slotSize;
+}
+
 // File offset of slot `index` of a set of the SRAM file, or -1 when the slot
 // lies outside the set's region of the file.
 inline off_t sramSlot(std::uint16_t setId, const Ring& ring, std::uint32_t index) noexcept {
