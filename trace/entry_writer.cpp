@@ -113,13 +113,13 @@ struct RingWrite {
 // its file offset). Refuses, without writing, a slot outside the mapping's
 // entry area or not word-aligned: a damaged descriptor never makes the
 // writer store outside the shared memory or over its header and table.
-RingWrite writeToRing(TraceSetStruct* descriptor, std::uint16_t traceSetId, std::uint32_t type,
-                      std::uint32_t severity, std::uint32_t category, const char* fileName,
+RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, std::uint16_t traceSetId,
+                      std::uint32_t type, std::uint32_t severity, std::uint32_t category, const char* fileName,
                       std::int32_t line, std::uint32_t length, const void* contents,
                       int result) noexcept {
   TraceMemoryHeader* h = header();
   if (!passesFilters(severity, category, descriptor)) return {result, length, false};
-  if (loadShared(&descriptor->type) != type) return {TRACE_RC_TYPE_MISMATCH, length, false};
+  if (setType != type) return {TRACE_RC_TYPE_MISMATCH, length, false};
   if (type == TS_STRING) {
     length = contents == nullptr ? 0u : static_cast<std::uint16_t>(std::strlen(static_cast<const char*>(contents)));
   }
@@ -207,8 +207,12 @@ int addEntry(std::uint16_t traceSetId, std::uint32_t type, std::uint32_t severit
   TraceSetStruct* descriptor = known != nullptr ? known->descriptor : descriptorOf(traceSetId);
   if (descriptor == nullptr) return result;
 
+  // The set's type is read once: the ring write checks it and the
+  // forwarding below uses it, so a type changed meanwhile cannot make the
+  // bytes of a dump be forwarded as a text that has no end.
+  const std::uint32_t setType = loadShared(&descriptor->type);
   if (!errorClass && traceSetId != SYSTEM_TRACE_SET_ID) {
-    const RingWrite written = writeToRing(descriptor, traceSetId, type, severity, category, fileName,
+    const RingWrite written = writeToRing(descriptor, setType, traceSetId, type, severity, category, fileName,
                                           line, length, contents, result);
     if (!written.forward) return written.result;
     result = written.result;
@@ -219,7 +223,11 @@ int addEntry(std::uint16_t traceSetId, std::uint32_t type, std::uint32_t severit
   // terminator, so a damaged name cannot lead the lookup past it.
   char name[TRACE_SET_NAME_LENGTH + 1] = {};
   std::memcpy(name, descriptor->name, TRACE_SET_NAME_LENGTH);
-  updateSyslogPrint(name, loadShared(&descriptor->type), severity, category, fileName, line,
+  // Contents are forwarded as text only when the caller gave text: a dump
+  // offered to a text set (possible for error-class entries, which skip the
+  // type check) has no terminator to stop at.
+  const std::uint32_t forwardedType = setType == TS_STRING && type != TS_STRING ? type : setType;
+  updateSyslogPrint(name, forwardedType, severity, category, fileName, line,
                     static_cast<std::uint16_t>(length), contents);
   return result;
 }

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -610,6 +611,20 @@ TEST_F(DamagedStoreTest, SramSetsWithoutCapacityOrWithHugeCountsAreWalkedSafely)
   StdoutCapture out;
   EXPECT_EQ(printTraceSetsInfo(0), 0);
   EXPECT_NE(out.take().find("255: System              \t     3/    0 STRING\n"), std::string::npos);
+}
+
+// ---- the type of a set ------------------------------------------------------------------
+
+TEST_F(DamagedStoreTest, BytesOfADumpAreNeverForwardedAsAText) {
+  // A text set: a warning dump skips the type check of the ring (it goes to
+  // the error trace set) and is forwarded within its length, as bytes.
+  const std::int16_t id = filledSet("Radio", 0);
+  const auto bytes = std::make_unique<std::uint8_t[]>(5);  // no terminator
+  std::memset(bytes.get(), 'A', 5);
+  clearPlatformCalls();
+  EXPECT_EQ(addTraceEntry(static_cast<std::uint16_t>(id), TS_DUMP, TRACE_SEVERITY_WAR, 1, "d.c", 1, 5, bytes.get()), 0);
+  EXPECT_EQ(platformCalls("ZqSysLogPrintHD").size(), 1u);
+  EXPECT_TRUE(platformCalls("ZqSysLogPrintE").empty());
 }
 
 // ---- missing pointers -------------------------------------------------------------------

@@ -63,8 +63,9 @@ class StressTest : public StoreTest {
     }
     if (round % 5 == 0) {
       const std::uint32_t stamp[2] = {1, 2};
-      addRemoteEntry(static_cast<std::int16_t>(id), TRACE_SEVERITY_INF, 1, "remote.c", 1, 40, "remote", 3, 4,
-                     stamp, stamp);
+      static const char kRecord[40] = "remote";  // 40 bytes for dump sets
+      addRemoteEntry(static_cast<std::int16_t>(id), TRACE_SEVERITY_INF, 1, "remote.c", 1, sizeof kRecord, kRecord,
+                     3, 4, stamp, stamp);
     }
   }
 
