@@ -33,7 +33,10 @@
 // maxNumberEntries + 1 slot headers (a writeIndex beyond the ring counts as 0
 // for it, so that it still comes full circle), a forward step at most
 // maxNumberEntries, a dump of a set at most its (capacity-bounded) count of
-// entries, and a search takes no more entries of a set than it holds. Counts are
+// entries, and a search takes no more entries of a set than it holds and
+// walks each set at most twice round in all (the 16-bit walk position of
+// the specified steps wraps for rings of more than 32768 slots and would
+// otherwise send every walk round the whole ring again). Counts are
 // held to the table: currentNumberTraceSets above 200 counts as 200 wherever
 // ids are walked or validated. maxNumberEntries 0 never divides: a set
 // created with maxEntries 0 keeps its writeIndex and writes at its

@@ -118,6 +118,13 @@ std::uint16_t currentNumberTraceSets() noexcept {
 std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint16_t index,
                                     std::uint8_t severityMask, std::uint32_t categoryMask,
                                     std::int32_t* firstStep, std::int32_t fromFile) noexcept {
+  return findPrevMatchingEntryWithin(descriptor, index, severityMask, categoryMask, firstStep, fromFile, nullptr);
+}
+
+std::uint32_t findPrevMatchingEntryWithin(const TraceSetStruct* descriptor, std::uint16_t index,
+                                          std::uint8_t severityMask, std::uint32_t categoryMask,
+                                          std::int32_t* firstStep, std::int32_t fromFile,
+                                          std::uint32_t* stepBudget) noexcept {
   std::uint32_t result = kNoSlot;
   if (descriptor == nullptr) return result;
   std::int32_t ownFirstStep = 1;
@@ -153,7 +160,10 @@ std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint1
   // be examined twice); a damaged writeIndex beyond the ring, whose stop
   // slot is never met, ends there too.
   std::uint32_t reads = 0;
-  const std::uint32_t maxReads = static_cast<std::uint32_t>(ring.capacity) + 1u;
+  std::uint32_t maxReads = static_cast<std::uint32_t>(ring.capacity) + 1u;
+  // The first read of a walk is free; every further one is a step of the
+  // caller's budget.
+  if (stepBudget != nullptr && *stepBudget + 1u < maxReads) maxReads = *stepBudget + 1u;
   while (!done) {
     const auto slot = static_cast<std::uint16_t>(position % ring.capacity);
     Match entry;
@@ -174,6 +184,7 @@ std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint1
     }
   }
 
+  if (stepBudget != nullptr) *stepBudget -= std::min(*stepBudget, reads > 1 ? reads - 1 : 0u);
   if (result != kNoSlot) {
     const std::uint16_t current = loadShared(&descriptor->curentNumberEntries);
     if (result >= current) {
@@ -207,18 +218,23 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
     // again (a damaged ring, or the 16-bit walk position of a ring of more
     // than 32768 slots wrapping) ends there.
     std::uint16_t left;
+    // Steps of its backward walks beyond the first slot of each: a valid
+    // ring is walked once over the whole search (capacity + 1 steps, the
+    // stop slot perhaps twice); a walk that would go round again ends the set.
+    std::uint32_t steps;
   };
   SetState state[nt::kMaxRequestSets];
 
   bool searching = false;
   for (unsigned i = 0; i < numberTraceSets; ++i) {
     numberEntries[i] = 0;
-    state[i] = {0, 1, 1, 0};
+    state[i] = {0, 1, 1, 0, 0};
     const TraceSetStruct* descriptor = getTraceSetStruct(static_cast<uint16_t>(traceSetIds[i]));
     if (descriptor == nullptr) continue;
     const nt::Ring ring = nt::ringOf(descriptor);
     if (ring.current == 0 || ring.capacity == 0) continue;
-    state[i] = {nt::newestSlot(ring), 1, 0, std::min(ring.current, ring.capacity)};
+    state[i] = {nt::newestSlot(ring), 1, 0, std::min(ring.current, ring.capacity),
+                2u * (static_cast<std::uint32_t>(ring.capacity) + 1u)};
     searching = true;
   }
   if (!searching) return;
@@ -248,8 +264,8 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
         descriptor = &snapshot;
       }
 
-      const std::uint32_t found = nt::findPrevMatchingEntry(descriptor, set.searchIndex, severityMask,
-                                                            categoryMask, &set.firstStep, fromFile);
+      const std::uint32_t found = nt::findPrevMatchingEntryWithin(
+          descriptor, set.searchIndex, severityMask, categoryMask, &set.firstStep, fromFile, &set.steps);
       if (found == nt::kNoSlot) {
         set.exhausted = 1;
         continue;
