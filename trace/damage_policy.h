@@ -11,7 +11,7 @@
 //
 // A concurrent writer can then change the field between check and use
 // without effect on this call. For valid data every check passes, so every
-// specified result, byte and message stays as it is; only what would reach
+// result, byte and message stays as it is; only what would reach
 // outside the mapping, the file region or a caller's buffer is refused.
 //
 // What counts as reachable:
@@ -35,12 +35,12 @@
 // maxNumberEntries, a dump of a set at most its (capacity-bounded) count of
 // entries, and a search takes no more entries of a set than it holds and
 // walks each set at most twice round in all (the 16-bit walk position of
-// the specified steps wraps for rings of more than 32768 slots and would
+// the backward walk wraps for rings of more than 32768 slots and would
 // otherwise send every walk round the whole ring again). Counts are
 // held to the table: currentNumberTraceSets above 200 counts as 200 wherever
 // ids are walked or validated. maxNumberEntries 0 never divides: a set
 // created with maxEntries 0 keeps its writeIndex and writes at its
-// dataOffset as specified; readers find nothing to walk in it.
+// dataOffset as documented; readers find nothing to walk in it.
 //
 // The refusal chosen per operation, each one a result the operation already
 // has for a missing or unreadable set:
@@ -59,13 +59,13 @@
 //   addErrorTrace                slot outside the first SRAM region (damaged
 //                                dataOffset or writeIndex): nothing written,
 //                                -6. A wrong traceEntryContentsLength keeps
-//                                its specified re-creation of the file.
+//                                its re-creation of the file.
 //   addRemoteSystemEntry         slot outside the second region: nothing
 //                                written, -6; the syslog line is written.
 //   getTraceEntry                slot not reachable, an index beyond the
 //                                capacity, or a header unreadable:
 //                                null entry. A contentsLength beyond the
-//                                maximum is cut as specified.
+//                                maximum is cut (and announced) as always.
 //   getRecentEntry               a (lastTraceSetId, lastEntryIndex) that names
 //                                no set, or a slot beyond that user set's
 //                                ring: the answer of a node without entries,
@@ -89,7 +89,8 @@
 //                                to the slots the mapping (for a SRAM set: its
 //                                region of the file) holds for the set;
 //                                once no next entry is found the index stays
-//                                (as specified) without further walks. A
+//                                (the same slot is fetched again) without
+//                                further walks. A
 //                                maximum length beyond the buffer is padded
 //                                with zeros.
 //   dumpTracesBeforeReset        a stream whose slot is not reachable, or
