@@ -11,8 +11,8 @@
 //
 // A concurrent writer can then change the field between check and use
 // without effect on this call. For valid data every check passes, so every
-// result, byte and message stays as it is; only what would reach
-// outside the mapping, the file region or a caller's buffer is refused.
+// result, byte and message stays as it is; only what would reach outside
+// the mapping, the file region or a caller's buffer is refused.
 //
 // What counts as reachable:
 //
@@ -90,9 +90,8 @@
 //                                region of the file) holds for the set;
 //                                once no next entry is found the index stays
 //                                (the same slot is fetched again) without
-//                                further walks. A
-//                                maximum length beyond the buffer is padded
-//                                with zeros.
+//                                further walks. A maximum length beyond the
+//                                buffer is padded with zeros.
 //   dumpTracesBeforeReset        a stream whose slot is not reachable, or
 //                                whose next entry is not found, ends.
 //   both dumps                   a count above 200: the header of the file
