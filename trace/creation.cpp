@@ -63,7 +63,13 @@ int createTraceSet(std::int16_t* id, const char* name, std::uint32_t type, std::
   const std::uint64_t needed =
       static_cast<std::uint64_t>(getTraceEntrySize(maxContentsLength)) * maxEntries;
   const std::uint32_t nextFree = loadShared(&h->nextFreeOffset);
-  if (nextFree > g_process.size || needed > g_process.size - nextFree) return TRACE_RC_NO_ROOM;
+  // A damaged free offset outside the entry area leaves no room to hand out:
+  // a region there would overlay the header and the descriptor table, or
+  // lie past the mapping.
+  if (nextFree < g_process.entryAreaOffset || nextFree > g_process.size ||
+      needed > g_process.size - nextFree) {
+    return TRACE_RC_NO_ROOM;
+  }
   const std::uint16_t limit = type != TS_STRING ? TRACE_MAX_DUMP_LENGTH : TRACE_MAX_STRING_LENGTH;
 
   *id = static_cast<std::int16_t>(count);

@@ -201,7 +201,12 @@ int nextEntryToDump(unsigned i, Streams& streams, TraceEntryHeader** entry, std:
   std::uint16_t& count = streams.count[slots[chosen]];
   --count;
   if (count != 0) {
-    findNextMatch(descriptor, 0, &streams.start[slots[chosen]], kStreamSeverity[chosen], kAllCategories);
+    std::uint16_t& start = streams.start[slots[chosen]];
+    const std::uint16_t stepped = start;
+    findNextMatch(descriptor, 0, &start, kStreamSeverity[chosen], kAllCategories);
+    // No next entry of the stream (a ring changed or damaged since the
+    // selection): the stream ends rather than deliver the same slot again.
+    if (start == stepped) count = 0;
   }
   return 1;
 }
@@ -247,7 +252,12 @@ void ResetDump::select() noexcept {
 }
 
 bool ResetDump::writeHeader(const TraceMemoryHeader* h) noexcept {
-  const dump::HeaderImage image = dump::headerImage(loadRecord(h));
+  TraceMemoryHeader copy = loadRecord(h);
+  // A damaged count above the table counts the descriptors this file holds.
+  if (copy.currentNumberTraceSets > TRACE_MAX_TRACE_SETS) {
+    copy.currentNumberTraceSets = static_cast<std::uint8_t>(streams_.sets);
+  }
+  const dump::HeaderImage image = dump::headerImage(copy);
   if (dump::writeAll(fd_, image.data(), image.size())) return true;
   NT_DUMP_FAILURE(kHeaderWriteLine, "(%s): Problems writing to file: %d (%s)");
   return false;

@@ -102,6 +102,7 @@ class TraceDump {
   const char* temporary_;
   int fd_ = -1;
   unsigned count_ = 0;  // positions
+  bool countDamaged_ = false;  // currentNumberTraceSets above 200
   std::uint16_t remotePosition_ = kNoPosition;
   std::uint16_t systemPosition_ = kNoPosition;
   Position positions_[kMaxPositions];
@@ -146,7 +147,11 @@ void TraceDump::restoreHeader(TraceMemoryHeader* h) noexcept {
 }
 
 bool TraceDump::writeHeader(TraceMemoryHeader* h) noexcept {
-  const dump::HeaderImage image = dump::headerImage(loadRecord(h));
+  TraceMemoryHeader copy = loadRecord(h);
+  // A damaged count above the table counts the descriptors this file holds,
+  // as a valid one does.
+  if (countDamaged_) copy.currentNumberTraceSets = static_cast<std::uint8_t>(count_);
+  const dump::HeaderImage image = dump::headerImage(copy);
   const bool written = dump::writeAll(fd_, image.data(), image.size());
   if (!written) NT_DUMP_FAILURE(kHeaderWriteLine, "(%s) Problems writing to file %s: %d (%s)", temporary_);
   restoreHeader(h);
@@ -168,6 +173,13 @@ bool TraceDump::writeDescriptors() noexcept {
     // A valid ring never counts more entries than it has slots; a damaged
     // count is held to the capacity.
     position.entries = std::min(copy.curentNumberEntries, copy.maxNumberEntries);
+    // A SRAM set holds no more entries than its region of the file has slots,
+    // a user set no more than the mapping has slots from its dataOffset on:
+    // a damaged ring whose walk gets stuck on one slot then cannot write that
+    // slot into the file over and over.
+    const std::uint32_t slots = isSramSet(position.setId) ? sramSlotsInRegion(position.setId, copy)
+                                                          : userSlotsInMapping(copy);
+    position.entries = static_cast<std::uint16_t>(std::min<std::uint32_t>(position.entries, slots));
     position.startIndex = copy.curentNumberEntries >= copy.maxNumberEntries ? copy.writeIndex : 0;
     position.kept = position.entries;
     copy.maxNumberEntries = position.entries;
@@ -221,6 +233,7 @@ bool TraceDump::writeEntriesOf(unsigned p) noexcept {
 
   const std::uint32_t contentsSize = descriptor != nullptr ? align32(loadShared(&descriptor->traceEntryContentsLength)) : 0;
   const Ring ring = descriptor != nullptr ? ringOf(descriptor) : Ring{};
+  bool stuck = false;
   for (unsigned k = 0; k < position.entries; ++k) {
     std::memset(contents_, 0, sizeof contents_);
     TraceEntryHeader buffer;
@@ -259,7 +272,14 @@ bool TraceDump::writeEntriesOf(unsigned p) noexcept {
       // not put back.
       --position.kept;
     }
-    findNextMatch(descriptor, fromFile ? 1 : 0, &position.startIndex, kEverySeverity, kAllCategories);
+    // Once a step finds no next entry (a damaged ring that claims more than
+    // it holds), the index stays where it is: the same slot is fetched again
+    // for the rest of the count, without walking the whole ring each time.
+    if (!stuck) {
+      const std::uint16_t stepped = position.startIndex;
+      findNextMatch(descriptor, fromFile ? 1 : 0, &position.startIndex, kEverySeverity, kAllCategories);
+      stuck = position.startIndex == stepped;
+    }
   }
 
   if (debugMode_ == 0) {
@@ -307,7 +327,9 @@ int TraceDump::run(const char* fileName) noexcept {
 
   for (std::size_t p = 0; p < kMaxPositions; ++p) positions_[p].setId = static_cast<std::uint16_t>(p);
   // A damaged count beyond the table is held to it.
-  const unsigned userSets = std::min<unsigned>(loadShared(&h->currentNumberTraceSets), TRACE_MAX_TRACE_SETS);
+  const unsigned storedSets = loadShared(&h->currentNumberTraceSets);
+  countDamaged_ = storedSets > TRACE_MAX_TRACE_SETS;
+  const unsigned userSets = std::min<unsigned>(storedSets, TRACE_MAX_TRACE_SETS);
   appendSramSets(h, userSets);
 
   const bool complete = writeHeader(h) && writeDescriptors() && writeEntries();

@@ -308,8 +308,11 @@ class EntryPrinter {
 
 void printEntry(std::int16_t traceSetId, const TraceSetStruct* descriptor, const TraceEntryHeader* entry,
                 const char* contents, char* format) noexcept {
-  if (descriptor == nullptr) return;
-  EntryPrinter printer(traceSetId, *descriptor, *entry, contents);
+  // Without a descriptor, or without an entry, nothing is printed; missing
+  // contents print as empty ones.
+  if (descriptor == nullptr || entry == nullptr) return;
+  static constexpr char kNoContents[kMaxContentsLength] = {};
+  EntryPrinter printer(traceSetId, *descriptor, *entry, contents != nullptr ? contents : kNoContents);
 
   // The length is measured before a trailing newline gives way to a zero
   // byte, so the walk writes that zero byte too: the line carries one NUL

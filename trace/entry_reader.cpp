@@ -20,6 +20,7 @@
 #include "trace/node_names.h"
 #include "trace/scoped_handles.h"
 #include "trace/shared_access.h"
+#include "trace/slot_access.h"
 #include "trace/syscalls.h"
 #include "trace/trace_system.h"
 
@@ -38,8 +39,8 @@ void reportCut(unsigned stored, unsigned maximum) noexcept {
 }
 
 // A user set's slot in the shared memory, or null. The descriptor is read
-// field by field into locals; a slot that would reach past the mapping (a
-// damaged descriptor) is refused.
+// field by field into locals; a slot the mapping cannot serve (a damaged
+// descriptor, damage_policy.h) is refused.
 TraceEntryHeader* readUserEntry(std::int16_t traceSetId, std::uint16_t index, std::uint8_t* contents) noexcept {
   const TraceMemoryHeader* h = header();
   if (h == nullptr) return nullptr;
@@ -48,12 +49,12 @@ TraceEntryHeader* readUserEntry(std::int16_t traceSetId, std::uint16_t index, st
   if (descriptor == nullptr) return nullptr;
   if (index >= loadShared(&descriptor->curentNumberEntries)) return nullptr;
 
-  const std::uint16_t maxLength = loadShared(&descriptor->traceEntryContentsLength);
-  const std::uint64_t slotSize = getTraceEntrySize(maxLength);
-  const std::uint64_t slotOffset = loadShared(&descriptor->dataOffset) + slotSize * index;
-  if (slotOffset + slotSize > g_process.size) return nullptr;
-
-  std::uint8_t* slot = g_process.base + slotOffset;
+  const Ring ring = ringOf(descriptor);
+  const std::uint16_t maxLength = ring.maxLength;
+  // A damaged count beyond the capacity does not lead the reader out of the
+  // set's ring.
+  std::uint8_t* slot = index < ring.capacity ? userSlot(ring, index) : nullptr;
+  if (slot == nullptr) return nullptr;
   auto* entry = reinterpret_cast<TraceEntryHeader*>(slot);
   std::uint16_t length = loadShared(&entry->contentsLength);
   if (length > maxLength) {
@@ -86,8 +87,10 @@ TraceEntryHeader* readSramEntry(std::uint16_t traceSetId, std::uint16_t index, T
   }
   if (index >= descriptor.curentNumberEntries) return nullptr;
 
-  const off_t slotOffset = static_cast<off_t>(descriptor.dataOffset) +
-                           static_cast<off_t>(getTraceEntrySize(descriptor.traceEntryContentsLength)) * index;
+  // A slot outside the set's region of the file is no entry.
+  const off_t slotOffset = sramSlotOffset(traceSetId, descriptor.dataOffset,
+                                          getTraceEntrySize(descriptor.traceEntryContentsLength), index);
+  if (slotOffset < 0) return nullptr;
   sys::lseek(fd.get(), slotOffset, SEEK_SET);
   if (sys::read(fd.get(), entry, sizeof *entry) < static_cast<ssize_t>(sizeof *entry)) return nullptr;
 
@@ -107,6 +110,18 @@ TraceEntryHeader* readSramEntry(std::uint16_t traceSetId, std::uint16_t index, T
   sys::lseek(fd.get(), slotOffset + static_cast<off_t>(align32(TRACE_ENTRY_HEADER_SIZE)), SEEK_SET);
   if (sys::read(fd.get(), contents, length) != static_cast<ssize_t>(length)) return nullptr;
   return entry;
+}
+
+// Whether (setId, slot) can name the newest entry of the node: no entry yet
+// (0xFFFF), a set of the SRAM file, or a slot of an existing user set's
+// ring (slot 0 of a set without slots, whose entries go to its dataOffset).
+bool namesAnEntry(std::uint16_t setId, std::uint16_t slot) noexcept {
+  const TraceMemoryHeader* h = header();
+  const unsigned userSets = std::min<unsigned>(loadShared(&h->currentNumberTraceSets), TRACE_MAX_TRACE_SETS);
+  if (!isValidLink(setId, userSets)) return false;
+  if (setId >= userSets) return true;
+  const std::uint16_t capacity = loadShared(&userDescriptor(setId)->maxNumberEntries);
+  return slot < std::max<std::uint16_t>(capacity, 1);
 }
 
 }  // namespace
@@ -130,11 +145,29 @@ NODETRACE_API void getTraceEntry(int16_t traceSetId, uint16_t index, TraceEntryH
 
 NODETRACE_API void getRecentEntry(int16_t* traceSetId, uint16_t* index, uint32_t* total) {
   nt::initTraceSystem();
+  if (traceSetId == nullptr || index == nullptr || total == nullptr) return;
   const TraceMemoryHeader* h = nt::header();
   // Without trace memory the answer is that of a node without entries.
-  *traceSetId = h != nullptr ? static_cast<int16_t>(nt::loadShared(&h->lastTraceSetId)) : -1;
-  *index = h != nullptr ? nt::loadShared(&h->lastEntryIndex) : 0;
-  *total = h != nullptr ? nt::loadShared(&h->totalNumberTraceEntries) : 0;
+  if (h == nullptr) {
+    *traceSetId = -1;
+    *index = 0;
+    *total = 0;
+    return;
+  }
+  // Set and slot share one aligned word: read together, they belong to the
+  // same entry.
+  std::uint16_t link[2];
+  const std::uint32_t word = nt::loadShared(reinterpret_cast<const std::uint32_t*>(&h->lastTraceSetId));
+  std::memcpy(link, &word, sizeof link);
+  *total = nt::loadShared(&h->totalNumberTraceEntries);
+  if (!nt::namesAnEntry(link[0], link[1])) {
+    // A damaged link that names no set, or a slot beyond its user set's
+    // ring, is reported as no entry at all.
+    link[0] = 0xFFFFu;
+    link[1] = 0;
+  }
+  *traceSetId = static_cast<int16_t>(link[0]);
+  *index = link[1];
 }
 
 }  // extern "C"

@@ -23,6 +23,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "nodetrace/nodetrace.h"
@@ -57,8 +58,9 @@ bool matches(const Match& entry, std::uint8_t severityMask, std::uint32_t catego
 
 // Reads slot headers of one ring: straight from the shared memory for a
 // user set, through one descriptor of the SRAM file, opened for the life of
-// this object, for a set of the SRAM file. A slot that cannot be read (past
-// the mapping, a short read) has no header.
+// this object, for a set of the SRAM file. A slot that cannot be read (not
+// reachable in the mapping or the file, damage_policy.h; a short read) has no
+// header.
 class SlotHeaders {
  public:
   SlotHeaders(const Ring& ring, bool fromFile) noexcept : ring_(ring), fromFile_(fromFile) {
@@ -77,7 +79,9 @@ class SlotHeaders {
       out.category = loadShared(&entry->category);
       return true;
     }
-    const off_t offset = static_cast<off_t>(ring_.dataOffset) + static_cast<off_t>(ring_.slotSize) * slot;
+    // A slot outside the regions of the file has no header.
+    const off_t offset = sramSlotOffsetInEitherRegion(ring_.dataOffset, ring_.slotSize, slot);
+    if (offset < 0) return false;
     TraceEntryHeader entry;
     if (sys::lseek(fd_.get(), offset, SEEK_SET) == -1) return false;
     if (sys::read(fd_.get(), &entry, sizeof entry) < static_cast<ssize_t>(sizeof entry)) return false;
@@ -92,9 +96,16 @@ class SlotHeaders {
   ScopedFd fd_;
 };
 
+// The ring's writeIndex for the backward walks. A damaged one beyond the ring
+// counts as 0: the walk then still has a stop slot inside the ring and comes
+// full circle after one round, instead of finding the same entries again.
+std::uint16_t walkWriteIndex(const Ring& ring) noexcept {
+  return ring.writeIndex < ring.capacity ? ring.writeIndex : 0;
+}
+
 // The newest slot of a ring that holds entries.
 std::uint16_t newestSlot(const Ring& ring) noexcept {
-  return static_cast<std::uint16_t>((ring.capacity + ring.writeIndex - 1) % ring.capacity);
+  return static_cast<std::uint16_t>((ring.capacity + walkWriteIndex(ring) - 1) % ring.capacity);
 }
 
 std::uint16_t currentNumberTraceSets() noexcept {
@@ -107,6 +118,13 @@ std::uint16_t currentNumberTraceSets() noexcept {
 std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint16_t index,
                                     std::uint8_t severityMask, std::uint32_t categoryMask,
                                     std::int32_t* firstStep, std::int32_t fromFile) noexcept {
+  return findPrevMatchingEntryWithin(descriptor, index, severityMask, categoryMask, firstStep, fromFile, nullptr);
+}
+
+std::uint32_t findPrevMatchingEntryWithin(const TraceSetStruct* descriptor, std::uint16_t index,
+                                          std::uint8_t severityMask, std::uint32_t categoryMask,
+                                          std::int32_t* firstStep, std::int32_t fromFile,
+                                          std::uint32_t* stepBudget) noexcept {
   std::uint32_t result = kNoSlot;
   if (descriptor == nullptr) return result;
   std::int32_t ownFirstStep = 1;
@@ -135,13 +153,21 @@ std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint1
   auto position = static_cast<std::uint16_t>(index + ring.capacity);
   const bool full = ring.current >= ring.capacity;
   const std::uint32_t stop =
-      full ? static_cast<std::uint32_t>((ring.writeIndex == 0 ? ring.capacity : ring.writeIndex) - 1)
+      full ? static_cast<std::uint32_t>((walkWriteIndex(ring) == 0 ? ring.capacity : walkWriteIndex(ring)) - 1)
            : static_cast<std::uint32_t>(ring.capacity - 1);
 
+  // A valid ring is walked in at most capacity + 1 reads (the stop slot may
+  // be examined twice); a damaged writeIndex beyond the ring, whose stop
+  // slot is never met, ends there too.
+  std::uint32_t reads = 0;
+  std::uint32_t maxReads = static_cast<std::uint32_t>(ring.capacity) + 1u;
+  // The first read of a walk is free; every further one is a step of the
+  // caller's budget.
+  if (stepBudget != nullptr && *stepBudget + 1u < maxReads) maxReads = *stepBudget + 1u;
   while (!done) {
     const auto slot = static_cast<std::uint16_t>(position % ring.capacity);
     Match entry;
-    if (!headers.read(slot, entry)) {
+    if (++reads > maxReads || !headers.read(slot, entry)) {
       done = true;
     } else if (*firstStep == 0 && slot == stop) {
       done = true;  // full circle
@@ -158,6 +184,7 @@ std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint1
     }
   }
 
+  if (stepBudget != nullptr) *stepBudget -= std::min(*stepBudget, reads > 1 ? reads - 1 : 0u);
   if (result != kNoSlot) {
     const std::uint16_t current = loadShared(&descriptor->curentNumberEntries);
     if (result >= current) {
@@ -187,18 +214,27 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
     std::uint16_t searchIndex;
     std::int32_t firstStep;
     std::int32_t exhausted;
+    // A set gives at most the entries it holds: a walk that would take them
+    // again (a damaged ring, or the 16-bit walk position of a ring of more
+    // than 32768 slots wrapping) ends there.
+    std::uint16_t left;
+    // Steps of its backward walks beyond the first slot of each: a valid
+    // ring is walked once over the whole search (capacity + 1 steps, the
+    // stop slot perhaps twice); a walk that would go round again ends the set.
+    std::uint32_t steps;
   };
   SetState state[nt::kMaxRequestSets];
 
   bool searching = false;
   for (unsigned i = 0; i < numberTraceSets; ++i) {
     numberEntries[i] = 0;
-    state[i] = {0, 1, 1};
+    state[i] = {0, 1, 1, 0, 0};
     const TraceSetStruct* descriptor = getTraceSetStruct(static_cast<uint16_t>(traceSetIds[i]));
     if (descriptor == nullptr) continue;
     const nt::Ring ring = nt::ringOf(descriptor);
     if (ring.current == 0 || ring.capacity == 0) continue;
-    state[i] = {nt::newestSlot(ring), 1, 0};
+    state[i] = {nt::newestSlot(ring), 1, 0, std::min(ring.current, ring.capacity),
+                2u * (static_cast<std::uint32_t>(ring.capacity) + 1u)};
     searching = true;
   }
   if (!searching) return;
@@ -228,8 +264,8 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
         descriptor = &snapshot;
       }
 
-      const std::uint32_t found = nt::findPrevMatchingEntry(descriptor, set.searchIndex, severityMask,
-                                                            categoryMask, &set.firstStep, fromFile);
+      const std::uint32_t found = nt::findPrevMatchingEntryWithin(
+          descriptor, set.searchIndex, severityMask, categoryMask, &set.firstStep, fromFile, &set.steps);
       if (found == nt::kNoSlot) {
         set.exhausted = 1;
         continue;
@@ -266,6 +302,7 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
       return;
     }
     SetState& taken = state[best];
+    if (--taken.left == 0) taken.exhausted = 1;
     ++numberEntries[best];
     startIndexes[best] = bestIndex;
     taken.searchIndex =

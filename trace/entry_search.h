@@ -22,4 +22,13 @@ std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint1
                                     std::uint8_t severityMask, std::uint32_t categoryMask,
                                     std::int32_t* firstStep, std::int32_t fromFile) noexcept;
 
+// The same walk within a budget of steps: every slot read after the first
+// one takes one step of *stepBudget; a walk that runs out of steps ends
+// without a match. The search across sets gives each set one budget for
+// all of its walks, so that a damaged ring cannot be walked round and round.
+std::uint32_t findPrevMatchingEntryWithin(const TraceSetStruct* descriptor, std::uint16_t index,
+                                          std::uint8_t severityMask, std::uint32_t categoryMask,
+                                          std::int32_t* firstStep, std::int32_t fromFile,
+                                          std::uint32_t* stepBudget) noexcept;
+
 }  // namespace nt

@@ -33,6 +33,7 @@
 #include "trace/errno_guard.h"
 #include "trace/error_trace.h"
 #include "trace/shared_access.h"
+#include "trace/slot_access.h"
 #include "trace/slot_store.h"
 #include "trace/thread_ids.h"
 #include "trace/trace_system.h"
@@ -109,24 +110,28 @@ struct RingWrite {
 
 // Writes one entry into the ring of a user set (or of the snapshot of
 // "NVJ_System", whose slot is then computed inside the shared mapping from
-// its file offset). Refuses, without writing, a slot that lies outside the
-// mapping or is not word-aligned: a damaged descriptor never makes the writer
-// store outside the shared memory.
-RingWrite writeToRing(TraceSetStruct* descriptor, std::uint16_t traceSetId, std::uint32_t type,
-                      std::uint32_t severity, std::uint32_t category, const char* fileName,
+// its file offset). Refuses, without writing, a slot outside the mapping's
+// entry area or not word-aligned: a damaged descriptor never makes the
+// writer store outside the shared memory or over its header and table.
+RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, std::uint16_t traceSetId,
+                      std::uint32_t type, std::uint32_t severity, std::uint32_t category, const char* fileName,
                       std::int32_t line, std::uint32_t length, const void* contents,
                       int result) noexcept {
   TraceMemoryHeader* h = header();
   if (!passesFilters(severity, category, descriptor)) return {result, length, false};
-  if (loadShared(&descriptor->type) != type) return {TRACE_RC_TYPE_MISMATCH, length, false};
+  if (setType != type) return {TRACE_RC_TYPE_MISMATCH, length, false};
   if (type == TS_STRING) {
     length = contents == nullptr ? 0u : static_cast<std::uint16_t>(std::strlen(static_cast<const char*>(contents)));
   }
 
-  const std::uint16_t capacity = loadShared(&descriptor->maxNumberEntries);
-  const std::uint16_t maxLength = loadShared(&descriptor->traceEntryContentsLength);
-  const std::uint64_t slotSize = getTraceEntrySize(maxLength);
-  const std::uint64_t dataOffset = loadShared(&descriptor->dataOffset);
+  // The ring's geometry is read once; only these locals are used below, so
+  // a descriptor changed meanwhile cannot move the slot after its check.
+  Ring ring;
+  ring.capacity = loadShared(&descriptor->maxNumberEntries);
+  ring.maxLength = loadShared(&descriptor->traceEntryContentsLength);
+  ring.dataOffset = loadShared(&descriptor->dataOffset);
+  ring.slotSize = getTraceEntrySize(ring.maxLength);
+  const std::uint16_t maxLength = ring.maxLength;
   if (length > maxLength) length = maxLength;
   if (length == 0 || contents == nullptr) {
     return {addErrorTrace(TS_STRING, TRACE_CATEGORY_LIBRARY, fileName, static_cast<std::uint32_t>(line),
@@ -135,19 +140,18 @@ RingWrite writeToRing(TraceSetStruct* descriptor, std::uint16_t traceSetId, std:
             length, false};
   }
 
-  // The slot is known before the counters move; a slot outside the mapping
-  // drops the entry before anything changed.
-  const std::uint16_t peek = loadShared(&descriptor->writeIndex);
-  if (dataOffset + slotSize * (static_cast<std::uint64_t>(peek) + 1u) > g_process.size ||
-      (dataOffset % 4u) != 0) {
-    return {result, length, false};
+  // The slot is known before the counters move; a slot the mapping cannot
+  // serve drops the entry before anything changed. Another writer may move
+  // writeIndex between the look and the claim, so the claimed slot is
+  // checked again.
+  if (ringSlot(ring, loadShared(&descriptor->writeIndex)) == nullptr) {
+    return {TRACE_RC_NO_DESCRIPTOR, length, false};
   }
-  countEntry(descriptor, capacity);
-  const std::uint16_t used = claimSlot(descriptor, capacity);
-  const std::uint64_t slotOffset = dataOffset + slotSize * used;
-  if (slotOffset + slotSize > g_process.size) return {result, length, false};
+  countEntry(descriptor, ring.capacity);
+  const std::uint16_t used = claimSlot(descriptor, ring.capacity);
+  std::uint8_t* slot = ringSlot(ring, used);
+  if (slot == nullptr) return {TRACE_RC_NO_DESCRIPTOR, length, false};
 
-  auto* slot = g_process.base + slotOffset;
   TraceEntryHeader entry{};
   stampFileName(entry, fileName);
   entry.line = line;
@@ -203,8 +207,12 @@ int addEntry(std::uint16_t traceSetId, std::uint32_t type, std::uint32_t severit
   TraceSetStruct* descriptor = known != nullptr ? known->descriptor : descriptorOf(traceSetId);
   if (descriptor == nullptr) return result;
 
+  // The set's type is read once: the ring write checks it and the
+  // forwarding below uses it, so a type changed meanwhile cannot make the
+  // bytes of a dump be forwarded as a text that has no end.
+  const std::uint32_t setType = loadShared(&descriptor->type);
   if (!errorClass && traceSetId != SYSTEM_TRACE_SET_ID) {
-    const RingWrite written = writeToRing(descriptor, traceSetId, type, severity, category, fileName,
+    const RingWrite written = writeToRing(descriptor, setType, traceSetId, type, severity, category, fileName,
                                           line, length, contents, result);
     if (!written.forward) return written.result;
     result = written.result;
@@ -215,7 +223,11 @@ int addEntry(std::uint16_t traceSetId, std::uint32_t type, std::uint32_t severit
   // terminator, so a damaged name cannot lead the lookup past it.
   char name[TRACE_SET_NAME_LENGTH + 1] = {};
   std::memcpy(name, descriptor->name, TRACE_SET_NAME_LENGTH);
-  updateSyslogPrint(name, loadShared(&descriptor->type), severity, category, fileName, line,
+  // Contents are forwarded as text only when the caller gave text: a dump
+  // offered to a text set (possible for error-class entries, which skip the
+  // type check) has no terminator to stop at.
+  const std::uint32_t forwardedType = setType == TS_STRING && type != TS_STRING ? type : setType;
+  updateSyslogPrint(name, forwardedType, severity, category, fileName, line,
                     static_cast<std::uint16_t>(length), contents);
   return result;
 }

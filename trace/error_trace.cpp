@@ -22,6 +22,7 @@
 #include <cstring>
 
 #include "nodetrace/nodetrace.h"
+#include "trace/damage_policy.h"
 #include "trace/entry_stamp.h"
 #include "trace/node_names.h"
 #include "trace/scoped_handles.h"
@@ -129,9 +130,12 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
     return TRACE_RC_FILE_ERROR;
   }
 
-  const std::uint32_t slotSize = getTraceEntrySize(kContentsLength);
-  const off_t slotOffset = static_cast<off_t>(descriptor.dataOffset) +
-                           static_cast<off_t>(slotSize) * descriptor.writeIndex;
+  // A slot outside the first region of the file (a damaged dataOffset or
+  // writeIndex) is never written: nothing changes. Start-up rewrites the
+  // descriptor after the next restart of the node.
+  const off_t slotOffset = sramSlotOffset(SYSTEM_TRACE_SET_ID, descriptor.dataOffset,
+                                          getTraceEntrySize(kContentsLength), descriptor.writeIndex);
+  if (slotOffset < 0) return TRACE_RC_FILE_ERROR;
   if (descriptor.curentNumberEntries < descriptor.maxNumberEntries) ++descriptor.curentNumberEntries;
   ++descriptor.totalNumberEntries;
   const std::uint16_t slotIndex = descriptor.writeIndex;

@@ -44,6 +44,7 @@
 #include "trace/registry.h"
 #include "trace/scoped_handles.h"
 #include "trace/shared_access.h"
+#include "trace/slot_access.h"
 #include "trace/slot_store.h"
 #include "trace/source_file.h"
 #include "trace/syscalls.h"
@@ -167,24 +168,22 @@ int remoteEntry(const RemoteRecord& r, std::uint16_t length, const void* data) n
   }
 
   // The slot is known before the counters move. A damaged descriptor whose
-  // slot would lie outside the mapping drops the record before anything
-  // changed.
-  const std::uint16_t capacity = loadShared(&descriptor->maxNumberEntries);
-  const std::uint64_t slotSize = getTraceEntrySize(maxLength);
-  const std::uint64_t dataOffset = loadShared(&descriptor->dataOffset);
-  const std::uint16_t peek = loadShared(&descriptor->writeIndex);
-  if (dataOffset + slotSize * (static_cast<std::uint64_t>(peek) + 1u) > g_process.size ||
-      (dataOffset % 4u) != 0) {
-    return 0;
-  }
-  countEntry(descriptor, capacity);
-  const std::uint16_t used = claimSlot(descriptor, capacity);
-  const std::uint64_t slotOffset = dataOffset + slotSize * used;
-  if (slotOffset + slotSize > g_process.size) return 0;
+  // slot the mapping cannot serve (damage_policy.h) drops the record before
+  // anything changed; the claimed slot is checked again, as another writer
+  // may have moved writeIndex meanwhile.
+  Ring ring;
+  ring.capacity = loadShared(&descriptor->maxNumberEntries);
+  ring.maxLength = maxLength;
+  ring.dataOffset = loadShared(&descriptor->dataOffset);
+  ring.slotSize = getTraceEntrySize(maxLength);
+  if (ringSlot(ring, loadShared(&descriptor->writeIndex)) == nullptr) return 0;
+  countEntry(descriptor, ring.capacity);
+  const std::uint16_t used = claimSlot(descriptor, ring.capacity);
+  std::uint8_t* slot = ringSlot(ring, used);
+  if (slot == nullptr) return 0;
   const std::uint32_t sequenceNumber =
       sharedRef(&h->totalNumberTraceEntries).fetch_add(1u, std::memory_order_relaxed);
 
-  std::uint8_t* slot = g_process.base + slotOffset;
   auto contentsLength = static_cast<std::uint16_t>(stored);
   std::uint8_t* contents = slot + TRACE_ENTRY_HEADER_SIZE;
   if (textSet) {
@@ -302,8 +301,12 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
   if (h == nullptr) return {result, false};
 
   const std::uint16_t maxLength = descriptor.traceEntryContentsLength;
-  const off_t slotOffset = static_cast<off_t>(descriptor.dataOffset) +
-                           static_cast<off_t>(getTraceEntrySize(maxLength)) * descriptor.writeIndex;
+  // A slot outside the second region of the file (a damaged dataOffset or
+  // writeIndex) is never written: nothing changes, the record reaches
+  // syslog only.
+  const off_t slotOffset = sramSlotOffset(REMOTE_SYSTEM_TRACE_SET_ID, descriptor.dataOffset,
+                                          getTraceEntrySize(maxLength), descriptor.writeIndex);
+  if (slotOffset < 0) return {TRACE_RC_FILE_ERROR, false};
   if (descriptor.curentNumberEntries < descriptor.maxNumberEntries) ++descriptor.curentNumberEntries;
   ++descriptor.totalNumberEntries;
   const std::uint16_t slotIndex = descriptor.writeIndex;

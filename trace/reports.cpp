@@ -73,6 +73,8 @@ using nt::loadShared;
 extern "C" {
 
 NODETRACE_API void printTraceSetInfo(int16_t traceSetId, TraceSetStruct* descriptor, int32_t withMax) {
+  // A missing descriptor has nothing to report.
+  if (descriptor == nullptr) return;
   // A negative id prints as its unsigned 32-bit value.
   const auto id = static_cast<unsigned>(static_cast<int>(traceSetId));
   const nt::SetName name(*descriptor);

@@ -2,16 +2,18 @@
 // copies of a shared record, and the address of a user set's slot checked
 // against the mapping.
 //
-// Descriptors and slot headers in the shared memory are hostile input to a
-// reader: a damaged descriptor may name a slot past the end of the mapping
-// or at an odd address. Every slot address a search or a dump uses comes
-// from userSlot(), which refuses such slots instead of reaching for them.
+// Descriptors and slot headers in the shared memory are hostile input: a
+// damaged descriptor may name a slot past the end of the mapping, over the
+// header and the descriptor table, or at an odd address. Every slot address
+// a writer, reader, search or dump uses comes from userSlot(), which refuses
+// such slots instead of reaching for them (damage_policy.h).
 #pragma once
 
 #include <cstdint>
 #include <cstring>
 
 #include "nodetrace/nodetrace.h"
+#include "trace/damage_policy.h"
 #include "trace/shared_access.h"
 #include "trace/trace_system.h"
 
@@ -53,13 +55,40 @@ inline Ring ringOf(const TraceSetStruct* descriptor) noexcept {
 }
 
 // Slot `index` of a user set in this process's mapping, or null when the
-// process has no mapping, the slot would reach past its end, or the slot is
-// not word-aligned (a damaged dataOffset).
+// process has no mapping or the slot is not reachable: outside the entry
+// area of the mapping, or not word-aligned (a damaged dataOffset).
 inline std::uint8_t* userSlot(const Ring& ring, std::uint32_t index) noexcept {
-  if (g_process.base == nullptr || ring.dataOffset % 4u != 0) return nullptr;
-  const std::uint64_t offset = ring.dataOffset + static_cast<std::uint64_t>(ring.slotSize) * index;
-  if (offset + ring.slotSize > g_process.size) return nullptr;
-  return g_process.base + offset;
+  if (g_process.base == nullptr) return nullptr;
+  const std::int64_t offset =
+      userSlotOffset(ring.dataOffset, ring.slotSize, index, g_process.entryAreaOffset, g_process.size);
+  return offset < 0 ? nullptr : g_process.base + offset;
+}
+
+// Slot `index` of a user set's ring as a writer may fill it: an index inside
+// the ring (slot 0 for a set without slots, whose entries go to its
+// dataOffset) whose slot is reachable. A damaged writeIndex beyond the ring
+// would write over the next set's region: refused until clearTraceSet
+// starts the ring again.
+inline std::uint8_t* ringSlot(const Ring& ring, std::uint32_t index) noexcept {
+  const std::uint32_t slots = ring.capacity != 0 ? ring.capacity : 1u;
+  return index < slots ? userSlot(ring, index) : nullptr;
+}
+
+// How many slots of a user set's descriptor the mapping holds from its
+// dataOffset on (0 for a dataOffset it cannot serve).
+inline std::uint32_t userSlotsInMapping(const TraceSetStruct& descriptor) noexcept {
+  const std::uint32_t slotSize = getTraceEntrySize(descriptor.traceEntryContentsLength);
+  if (g_process.base == nullptr ||
+      userSlotOffset(descriptor.dataOffset, slotSize, 0, g_process.entryAreaOffset, g_process.size) < 0) {
+    return 0;
+  }
+  return (g_process.size - descriptor.dataOffset) / slotSize;
+}
+
+// File offset of slot `index` of a set of the SRAM file, or -1 when the slot
+// lies outside the set's region of the file.
+inline off_t sramSlot(std::uint16_t setId, const Ring& ring, std::uint32_t index) noexcept {
+  return sramSlotOffset(setId, ring.dataOffset, ring.slotSize, index);
 }
 
 }  // namespace nt

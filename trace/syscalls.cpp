@@ -31,6 +31,8 @@ struct Capture {
 };
 Capture g_capture;
 
+std::atomic<bool> g_shellCommandsRefused{false};
+
 // True when this call is the one planned to fail; errno is then set.
 bool plannedFailure(Call call) noexcept {
   auto& countdown = g_plan.countdown[static_cast<std::size_t>(call)];
@@ -41,6 +43,8 @@ bool plannedFailure(Call call) noexcept {
 }
 
 }  // namespace
+
+void refuseShellCommands(bool on) noexcept { g_shellCommandsRefused.store(on, std::memory_order_relaxed); }
 
 void failCall(Call call, int nth, int error) noexcept {
   g_plan.error[static_cast<std::size_t>(call)].store(error, std::memory_order_relaxed);
@@ -122,6 +126,10 @@ int snprintf(char* buffer, std::size_t size, const char* format, ...) noexcept {
 
 int system(const char* command) noexcept {
   if (plannedFailure(Call::kSystem)) return -1;
+  if (g_shellCommandsRefused.load(std::memory_order_relaxed)) {
+    errno = ENOMEM;
+    return -1;
+  }
   return std::system(command);
 }
 

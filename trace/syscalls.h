@@ -62,6 +62,10 @@ int snprintf(char* buffer, std::size_t size, const char* format, ...) noexcept
 // The shell commands of the library (copies of dump files, the journal).
 // A planned failure returns -1 as a shell that cannot be started does.
 int system(const char* command) noexcept;
+// Test hook: while on, every shell command fails as one that cannot start
+// (-1), and nothing is run. For fuzz targets, where a process per command
+// would set the pace.
+void refuseShellCommands(bool on) noexcept;
 
 void syslog(int priority, const char* format, ...) noexcept __attribute__((format(printf, 2, 3)));
 void openlog(const char* ident, int option, int facility) noexcept;

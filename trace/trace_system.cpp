@@ -258,7 +258,7 @@ int createSramFile(int recreating) noexcept {
   // The command's result is not examined: the owner is a courtesy to the
   // node's tools, the file works without it.
   if (std::snprintf(command, sizeof command, "chown kvqsw:kvqsw %s ", path) > 0) {
-    [[maybe_unused]] const int ignored = std::system(command);
+    [[maybe_unused]] const int ignored = sys::system(command);
   }
 
   releaseSharedMemory(rc);

@@ -118,8 +118,11 @@ NODETRACE_API int initTraceSet(const char *name, uint32_t type, uint16_t maxEntr
  *  category mask into the set's ring in shared memory (text cut to the set's
  *  maximum, a trailing line feed dropped). Every stored entry is forwarded
  *  to the platform log service. Returns 0 (also when filtered out or tracing
- *  is disabled), TRACE_RC_UNKNOWN_SET (-5), TRACE_RC_TYPE_MISMATCH (-7), or
- *  the error trace writer's result. Takes no lock; errno is left unchanged. */
+ *  is disabled), TRACE_RC_UNKNOWN_SET (-5), TRACE_RC_TYPE_MISMATCH (-7),
+ *  TRACE_RC_NO_DESCRIPTOR (-10) when the set's descriptor is damaged (its
+ *  next slot lies outside the shared memory's entry area or its ring; the
+ *  entry is dropped), or the error trace writer's result. Takes no lock;
+ *  errno is left unchanged. */
 NODETRACE_API int addTraceEntry(uint16_t traceSetId, uint32_t type, uint32_t severity,
                                 uint32_t category, const char *file, int32_t line, ...);
 
@@ -263,7 +266,8 @@ NODETRACE_API void getTraceEntry(int16_t traceSetId, uint16_t index, TraceEntryH
                                  void *contents);
 
 /** Where the newest entry of the node was written: its set (-1 while no
- *  entry exists), its slot, and the number of entries ever written. */
+ *  entry exists, and for a damaged link that names no set or a slot beyond
+ *  its set's ring), its slot, and the number of entries ever written. */
 NODETRACE_API void getRecentEntry(int16_t *traceSetId, uint16_t *index, uint32_t *total);
 
 /* ---- Reports on standard output ------------------------------------------ */
