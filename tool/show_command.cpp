@@ -79,22 +79,11 @@ void addShowCommand(CLI::App& app) {
   command->add_option("SET", options->sets,
                       "Trace sets by name or id (default: every user set, System and NVJ_System)")
       ->type_name("");
-  command->add_option("-s,--severity", options->severities,
-                      "Only entries of these severities: ERR, WAR, INF, DBG, NOT (repeat the option or "
-                      "separate them by commas)")
-      ->type_name("NAME");
-  command->add_option("-c,--category", options->category,
-                      "Only entries sharing a bit with this category mask (hexadecimal, e.g. 0x0000000F)")
-      ->type_name("MASK")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+  addEntryFilterOptions(*command, options->severities, options->category);
   command->add_option("-n,--lines", options->lines, "Only the last N entries of the stream")
       ->type_name("N")
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-  command->add_option("-f,--format", options->format,
-                      "Line layout in the directives of the library's entry formatter")
-      ->type_name("FORMAT")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-      ->capture_default_str();
+  addLineFormatOption(*command, options->format);
   command->callback([options, command] {
     options->lastLinesOnly = command->count("--lines") > 0;
     show(*options);

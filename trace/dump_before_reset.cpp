@@ -68,13 +68,6 @@ constexpr std::int32_t kEntryHeaderWriteLine = 3707;
 constexpr std::int32_t kContentsWriteLine = 3720;
 constexpr int kCloseLine = 3728;
 
-#define NT_DUMP_FAILURE(line, format, ...)                                                     \
-  do {                                                                                         \
-    const int error_ = errno;                                                                  \
-    tracePrintf(SYSTEM_TRACE_SET_ID, TRACE_SEVERITY_ERR, TRACE_CATEGORY_LIBRARY, kSourceFileName, \
-                line, format, kFunction, __VA_ARGS__ __VA_OPT__(, ) error_, std::strerror(error_)); \
-  } while (0)
-
 // The stream tables of every set: start slot and remaining count.
 struct Streams {
   unsigned sets = 0;
@@ -380,7 +373,6 @@ int ResetDump::run() noexcept {
   return complete ? 0 : TRACE_RC_FILE_ERROR;
 }
 
-#undef NT_DUMP_FAILURE
 
 }  // namespace
 }  // namespace nt

@@ -65,14 +65,6 @@ constexpr std::int32_t kContentsWriteLine = 2642;
 constexpr std::int32_t kCountsWriteLine = 2680;
 constexpr int kCloseLine = 2688;
 
-// The failure messages: errno and its text in the last two places.
-#define NT_DUMP_FAILURE(line, format, ...)                                                     \
-  do {                                                                                         \
-    const int error_ = errno;                                                                  \
-    tracePrintf(SYSTEM_TRACE_SET_ID, TRACE_SEVERITY_ERR, TRACE_CATEGORY_LIBRARY, kSourceFileName, \
-                line, format, kFunction, __VA_ARGS__ __VA_OPT__(, ) error_, std::strerror(error_)); \
-  } while (0)
-
 struct Position {
   std::uint16_t setId = 0;
   std::uint16_t entries = 0;    // to dump
@@ -337,7 +329,6 @@ int TraceDump::run(const char* fileName) noexcept {
   return complete ? 0 : TRACE_RC_FILE_ERROR;
 }
 
-#undef NT_DUMP_FAILURE
 
 }  // namespace
 }  // namespace nt

@@ -20,9 +20,22 @@
 #pragma once
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 
+#include "nodetrace/nodetrace.h"
 #include "nodetrace/trace_layout.h"
+
+// A failed step of a dump writer, recorded in the error trace set: the
+// writer's own kSourceFileName and kFunction, the given line, then errno and
+// its text in the format's last two places.
+#define NT_DUMP_FAILURE(line, format, ...)                                                          \
+  do {                                                                                              \
+    const int error_ = errno;                                                                       \
+    tracePrintf(SYSTEM_TRACE_SET_ID, TRACE_SEVERITY_ERR, TRACE_CATEGORY_LIBRARY, kSourceFileName,   \
+                line, format, kFunction, __VA_ARGS__ __VA_OPT__(, ) error_, std::strerror(error_)); \
+  } while (0)
 
 namespace nt::dump {
 
