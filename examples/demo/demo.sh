@@ -5,7 +5,8 @@
 #      process reads their entries back (and the demo shows the rest of the
 #      library along the way);
 #   2. nodetrace show prints the merged stream of every set;
-#   3. nodetrace dump writes the whole store into a dump file;
+#   3. nodetrace dump writes the whole store into a dump file, and
+#      nodetrace decode reads it back (anywhere, no node needed);
 #   4. nodetrace decode --format chrome turns that file into Trace Event JSON,
 #      which the Perfetto UI (https://ui.perfetto.dev) and chrome://tracing open.
 # Usage: examples/demo/demo.sh BUILD_DIR
@@ -23,6 +24,7 @@ run "$build/examples/demo/nodetrace_demo" --fresh
 run "$tool" sets
 run "$tool" show
 run "$tool" dump "$build/traces.bin" --with-sram
+run "$tool" decode "$build/traces.bin"
 run "$tool" decode --format chrome --output "$build/traces.json" "$build/traces.bin"
 printf '\n%s: open it in the Perfetto UI (https://ui.perfetto.dev) or chrome://tracing\n' \
   "$build/traces.json"
