@@ -226,6 +226,12 @@ bool TraceDump::writeEntriesOf(unsigned p) noexcept {
   const std::uint32_t contentsSize = descriptor != nullptr ? align32(loadShared(&descriptor->traceEntryContentsLength)) : 0;
   const Ring ring = descriptor != nullptr ? ringOf(descriptor) : Ring{};
   bool stuck = false;
+  // Slots stepped over so far. Every entry of an intact user set matches
+  // the step's filter, so its walk covers the ring at most once; a damaged
+  // ring whose matching slots lie far apart would otherwise be walked round
+  // and round, once per entry. The sets of the SRAM file may validly hold
+  // entries of category 0, which the step skips, so they are not held to it.
+  std::uint32_t walked = 0;
   for (unsigned k = 0; k < position.entries; ++k) {
     std::memset(contents_, 0, sizeof contents_);
     TraceEntryHeader buffer;
@@ -270,7 +276,10 @@ bool TraceDump::writeEntriesOf(unsigned p) noexcept {
     if (!stuck) {
       const std::uint16_t stepped = position.startIndex;
       findNextMatch(descriptor, fromFile ? 1 : 0, &position.startIndex, kEverySeverity, kAllCategories);
-      stuck = position.startIndex == stepped;
+      if (!fromFile && ring.capacity != 0) {
+        walked += (static_cast<std::uint32_t>(position.startIndex) + ring.capacity - stepped) % ring.capacity;
+      }
+      stuck = position.startIndex == stepped || (!fromFile && walked > ring.capacity);
     }
   }
 

@@ -517,6 +517,24 @@ TEST_F(DamagedStoreTest, BackwardWalksOfAFullRingWithAWriteIndexBeyondItEnd) {
   EXPECT_EQ(taken.counts, (std::vector<std::uint16_t>{4}));
 }
 
+TEST_F(DamagedStoreTest, TheTraceDumpWalksADamagedRingRoundOnceAtMost) {
+  // A full ring of 8 whose writeIndex lies beyond it, in which only slots 0
+  // and 4 still match: each step from one to the other passes 4 slots. After
+  // more than one round of steps the dump keeps fetching the slot it reached
+  // instead of walking on, so its work stays within the ring's size.
+  const std::int16_t id = filledSet("Radio", 8, 8);
+  for (unsigned slot : {1u, 2u, 3u, 5u, 6u, 7u}) storeShared(&sharedSlot(id, slot)->category, 0u);
+  storeShared(&sharedDescriptor(id)->writeIndex, 9);
+  ASSERT_EQ(dumpFile(0, 1), 0);
+  const DumpFile file = dumped(EntryCount::kOffsets);
+  ASSERT_EQ(file.entries.size(), 1u);
+  std::vector<std::string> texts;
+  for (const DumpEntry& entry : file.entries[0]) texts.push_back(entry.text());
+  // The walk starts at writeIndex, which no slot answers (left out); it
+  // steps 3 slots to e4, 4 to e0 and 4 to e4: past 8 it stays at e4.
+  EXPECT_EQ(texts, (std::vector<std::string>{"e4", "e0", "e4", "e4", "e4", "e4", "e4"}));
+}
+
 TEST_F(DamagedStoreTest, ACountBeyondTheCapacityKeepsTheReaderInsideTheRing) {
   const std::int16_t id = filledSet("Radio", 6);
   storeShared(&sharedDescriptor(id)->curentNumberEntries, 9);
