@@ -90,7 +90,11 @@
 //                                region of the file) holds for the set;
 //                                once no next entry is found the index stays
 //                                (the same slot is fetched again) without
-//                                further walks. A maximum length beyond the
+//                                further walks; so it does once the steps
+//                                through a user set have passed more slots
+//                                than the ring holds (every entry of an intact
+//                                user set matches the step, so only damage
+//                                gets there). A maximum length beyond the
 //                                buffer is padded with zeros.
 //   dumpTracesBeforeReset        a stream whose slot is not reachable, or
 //                                whose next entry is not found, ends.
