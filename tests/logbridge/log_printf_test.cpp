@@ -22,15 +22,6 @@ std::string processPrefix(unsigned line, const std::string& function) {
   return std::string(program_invocation_short_name) + ": " + std::to_string(line) + " : " + function + "() -> ";
 }
 
-// Characters that differ from their neighbours, so that a cut at the wrong
-// place shows.
-std::string longText(std::size_t length) {
-  static constexpr std::string_view kAlphabet = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-  std::string text;
-  for (std::size_t i = 0; i < length; ++i) text += kAlphabet[i % kAlphabet.size()];
-  return text;
-}
-
 class LogPrintfTest : public NodeTest {
  protected:
   void SetUp() override {

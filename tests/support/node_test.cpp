@@ -151,6 +151,19 @@ std::uint32_t u32At(const Bytes& bytes, std::size_t offset) {
          static_cast<std::uint32_t>(bytes.at(offset + 3)) << 24;
 }
 
+std::string longText(std::size_t length) {
+  static constexpr std::string_view kAlphabet = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+  std::string text;
+  for (std::size_t i = 0; i < length; ++i) text += kAlphabet[i % kAlphabet.size()];
+  return text;
+}
+
+Bytes textContents(std::string_view text, std::size_t size) {
+  Bytes contents(size, 0);
+  std::memcpy(contents.data(), text.data(), std::min(text.size(), size));
+  return contents;
+}
+
 StreamCapture::StreamCapture(std::FILE* stream) : stream_(stream), fd_(fileno(stream)) {
   std::fflush(stream_);
   char name[] = "/tmp/nodetrace-capture-XXXXXX";

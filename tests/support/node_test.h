@@ -63,6 +63,12 @@ SramEntry readSramEntry(const std::string& sramPath, int region, unsigned slot);
 std::uint16_t u16At(const Bytes& bytes, std::size_t offset);
 std::uint32_t u32At(const Bytes& bytes, std::size_t offset);
 
+// length characters that differ from their neighbours, so that a cut at
+// the wrong place shows.
+std::string longText(std::size_t length);
+// size contents bytes of a slot holding text, zeros after it.
+Bytes textContents(std::string_view text, std::size_t size = 128);
+
 // Redirects the file descriptor of stream (stdout or stderr; also of child
 // processes) into a file until take() or destruction. take() flushes the
 // stream first and returns every byte written, zero bytes included.

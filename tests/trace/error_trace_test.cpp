@@ -42,23 +42,6 @@ Bytes bytesOf(const void* record, std::size_t size) {
   return Bytes(bytes, bytes + size);
 }
 
-// All 128 contents bytes of an entry holding text.
-Bytes contentsOf(std::string_view text) {
-  Bytes contents(128, 0);
-  std::memcpy(contents.data(), text.data(), std::min<std::size_t>(text.size(), 128));
-  return contents;
-}
-
-// Characters that differ from their neighbours, so that a cut at the
-// wrong place shows.
-std::string longText(std::size_t length) {
-  static constexpr std::string_view kAlphabet =
-      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-  std::string text;
-  for (std::size_t i = 0; i < length; ++i) text += kAlphabet[i % kAlphabet.size()];
-  return text;
-}
-
 // The descriptor of an SRAM set as start-up and re-creation write it.
 TraceSetStruct freshDescriptor(const char* name, std::uint32_t dataOffset) {
   TraceSetStruct d{};
@@ -195,14 +178,14 @@ class ErrorTraceTest : public NodeTest {
     expected.monotonicTime = entry.header.monotonicTime;
     expected.realTime = entry.header.realTime;
     EXPECT_EQ(bytesOf(&entry.header, sizeof entry.header), bytesOf(&expected, sizeof expected));
-    EXPECT_EQ(entry.contents, contentsOf(text));
+    EXPECT_EQ(entry.contents, textContents(text));
   }
 
   // Just the text and the fields that tell entries apart.
   void expectText(unsigned slot, std::string_view text, std::uint8_t severity, std::uint16_t length) const {
     SCOPED_TRACE("slot " + std::to_string(slot));
     const SramEntry entry = readSramEntry(sram(), 0, slot);
-    EXPECT_EQ(entry.contents, contentsOf(text));
+    EXPECT_EQ(entry.contents, textContents(text));
     EXPECT_EQ(entry.header.severity, severity);
     EXPECT_EQ(entry.header.contentsLength, length);
   }
@@ -442,19 +425,19 @@ TEST_F(ErrorTraceTest, RingWrapsAfter738Entries) {
 
   // Slot 0 holds the 739th entry, linked to the one in the last slot.
   const SramEntry newest = readSramEntry(sram(), 0, 0);
-  EXPECT_EQ(newest.contents, contentsOf("entry 738"));
+  EXPECT_EQ(newest.contents, textContents("entry 738"));
   EXPECT_EQ(newest.header.sequenceNumber, 738u);
   EXPECT_EQ(newest.header.prevTraceSetId, 255);
   EXPECT_EQ(newest.header.prevEntryIndex, 737);
   EXPECT_EQ(newest.header.contentsLength, 9);
 
   const SramEntry oldest = readSramEntry(sram(), 0, 1);
-  EXPECT_EQ(oldest.contents, contentsOf("entry 1"));
+  EXPECT_EQ(oldest.contents, textContents("entry 1"));
   EXPECT_EQ(oldest.header.sequenceNumber, 1u);
   EXPECT_EQ(oldest.header.prevEntryIndex, 0);
 
   const SramEntry last = readSramEntry(sram(), 0, 737);
-  EXPECT_EQ(last.contents, contentsOf("entry 737"));
+  EXPECT_EQ(last.contents, textContents("entry 737"));
   EXPECT_EQ(last.header.sequenceNumber, 737u);
   EXPECT_EQ(last.header.prevEntryIndex, 736);
 
@@ -479,7 +462,7 @@ TEST_F(ErrorTraceTest, EveryCallContinuesFromTheDescriptorInTheFile) {
   EXPECT_EQ(record("resumed"), 0);
   expectDescriptor(6, 6, 1001);
   const SramEntry entry = readSramEntry(sram(), 0, 5);
-  EXPECT_EQ(entry.contents, contentsOf("resumed"));
+  EXPECT_EQ(entry.contents, textContents("resumed"));
   EXPECT_EQ(entry.header.sequenceNumber, 4321u);
   EXPECT_EQ(getTotalNumberTraceEntries(), 4322u);
   EXPECT_EQ(loadShared(&header()->lastEntryIndex), 5);
@@ -491,7 +474,7 @@ TEST_F(ErrorTraceTest, EveryCallContinuesFromTheDescriptorInTheFile) {
   writeSramBytes(4, &descriptor, sizeof descriptor);
   EXPECT_EQ(record("at the end"), 0);
   expectDescriptor(0, 738, 1001);
-  EXPECT_EQ(readSramEntry(sram(), 0, 737).contents, contentsOf("at the end"));
+  EXPECT_EQ(readSramEntry(sram(), 0, 737).contents, textContents("at the end"));
 }
 
 // ---- Entries that are not written ------------------------------------------
@@ -737,7 +720,7 @@ TEST_F(ErrorTraceTest, DamagedDescriptorMakesAFreshFile) {
   EXPECT_EQ(record("new entry"), 0);
   expectDescriptor(1, 1, 1);
   const SramEntry entry = readSramEntry(sram(), 0, 0);
-  EXPECT_EQ(entry.contents, contentsOf("new entry"));
+  EXPECT_EQ(entry.contents, textContents("new entry"));
   EXPECT_EQ(entry.header.sequenceNumber, 1u);
 }
 
@@ -833,7 +816,7 @@ void expectSerialisedRing(const std::string& sram, unsigned n, std::set<std::str
     EXPECT_EQ(entry.header.sequenceNumber, slot);
     EXPECT_EQ(entry.header.prevTraceSetId, slot == 0 ? 0xFFFF : 255) << slot;
     EXPECT_EQ(entry.header.prevEntryIndex, slot == 0 ? 0 : slot - 1) << slot;
-    EXPECT_EQ(entry.contents, contentsOf(entry.text())) << slot;
+    EXPECT_EQ(entry.contents, textContents(entry.text())) << slot;
     EXPECT_EQ(entry.header.contentsLength, entry.text().size()) << slot;
     EXPECT_EQ(texts.erase(entry.text()), 1u) << "slot " << slot << ": " << entry.text();
   }

@@ -478,6 +478,18 @@ TEST_F(LockRecoveryTest, ProcessStartingBehindAnUnrecordedHoldStartsAfterOneDead
 // ---------------------------------------------------------------------------
 // Processes that start while a dead holder keeps the semaphore.
 
+// A child that starts tracing, takes the lock and keeps it; it reports 'L'
+// once it holds the lock.
+pid_t startStartedLockHolder(char* reported) {
+  return startChildThatReports(
+      [] {
+        getCurrentNumberTraceSets();
+        sigset_t saved;
+        return traceLock(g_process.semaphore, "traceMutex", &saved) == 0 ? 'L' : 'X';
+      },
+      reported);
+}
+
 class StartupRecoveryTest : public NodeTest {
  protected:
   // The semaphore as start-up opens it, in this process.
@@ -555,13 +567,7 @@ TEST_F(StartupRecoveryTest, ProcessStartingAfterTheHolderDiedCompletesItsFirstCa
   ASSERT_EQ(created, 0);
   sem_t* semaphore = openSemaphore();
   char reported = 0;
-  const pid_t holder = startChildThatReports(
-      [] {
-        getCurrentNumberTraceSets();
-        sigset_t saved;
-        return traceLock(g_process.semaphore, "traceMutex", &saved) == 0 ? 'L' : 'X';
-      },
-      &reported);
+  const pid_t holder = startStartedLockHolder(&reported);
   ASSERT_EQ(reported, 'L');
   killAndReap(holder);
   ASSERT_EQ(static_cast<pid_t>(u32At(readSharedObject(shmName()), 24)), holder);
@@ -578,13 +584,7 @@ TEST_F(StartupRecoveryTest, ProcessAlreadyStartingWhenTheHolderDiesCompletesItsF
   ASSERT_EQ(created, 0);
   sem_t* semaphore = openSemaphore();
   char reported = 0;
-  const pid_t holder = startChildThatReports(
-      [] {
-        getCurrentNumberTraceSets();
-        sigset_t saved;
-        return traceLock(g_process.semaphore, "traceMutex", &saved) == 0 ? 'L' : 'X';
-      },
-      &reported);
+  const pid_t holder = startStartedLockHolder(&reported);
   ASSERT_EQ(reported, 'L');
   std::thread killer([holder] {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -602,13 +602,7 @@ TEST_F(StartupRecoveryTest, ThreadsOfAProcessStartingBehindADeadHolderAllComplet
   ASSERT_EQ(created, 0);
   sem_t* semaphore = openSemaphore();
   char reported = 0;
-  const pid_t holder = startChildThatReports(
-      [] {
-        getCurrentNumberTraceSets();
-        sigset_t saved;
-        return traceLock(g_process.semaphore, "traceMutex", &saved) == 0 ? 'L' : 'X';
-      },
-      &reported);
+  const pid_t holder = startStartedLockHolder(&reported);
   ASSERT_EQ(reported, 'L');
   killAndReap(holder);
 

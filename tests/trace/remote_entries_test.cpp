@@ -51,23 +51,6 @@ Bytes bytesOf(const void* record, std::size_t size) {
   return Bytes(bytes, bytes + size);
 }
 
-// size contents bytes holding text, zeros after it.
-Bytes textContents(std::string_view text, std::size_t size) {
-  Bytes contents(size, 0);
-  std::memcpy(contents.data(), text.data(), std::min(text.size(), size));
-  return contents;
-}
-
-// Characters that differ from their neighbours, so that a cut at the wrong
-// place shows.
-std::string pattern(std::size_t length) {
-  static constexpr std::string_view kAlphabet =
-      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-  std::string text;
-  for (std::size_t i = 0; i < length; ++i) text += kAlphabet[i % kAlphabet.size()];
-  return text;
-}
-
 SyslogRecord logged(int priority, std::string_view text) {
   return {priority, "[PID:4242][TID:4243] " + std::string(text)};
 }
@@ -285,7 +268,7 @@ TEST_F(RemoteTest, OnlyOneTrailingLineFeedIsDropped) {
 
 TEST_F(RemoteTest, LongTextFillsTheWholeFieldWithoutATerminator) {
   const std::int16_t id = createSet("Radio");
-  const std::string text = pattern(200);
+  const std::string text = longText(200);
   EXPECT_EQ(remote(id, 0x20, 1, text.c_str()), 0);
   const Slot s = userSlot(id, 0);
   EXPECT_EQ(s.contents, textContents(text.substr(0, 128), 128));
@@ -296,15 +279,15 @@ TEST_F(RemoteTest, LongTextFillsTheWholeFieldWithoutATerminator) {
 
 TEST_F(RemoteTest, TextOf128CharactersEndingInALineFeedKeeps127) {
   const std::int16_t id = createSet("Radio");
-  const std::string text = pattern(127) + "\n";
+  const std::string text = longText(127) + "\n";
   EXPECT_EQ(remote(id, 0x20, 1, text.c_str()), 0);
-  EXPECT_EQ(userSlot(id, 0).contents, textContents(pattern(127), 128));
+  EXPECT_EQ(userSlot(id, 0).contents, textContents(longText(127), 128));
   EXPECT_EQ(userSlot(id, 0).header, headerBytes({.contentsLength = 127}));
 
   // A line feed past the 128th character is not looked at.
-  const std::string longer = pattern(127) + "x\n";
+  const std::string longer = longText(127) + "x\n";
   EXPECT_EQ(remote(id, 0x20, 1, longer.c_str()), 0);
-  EXPECT_EQ(userSlot(id, 1).contents, textContents(pattern(127) + "x", 128));
+  EXPECT_EQ(userSlot(id, 1).contents, textContents(longText(127) + "x", 128));
   EXPECT_EQ(userSlot(id, 1).header[64], 128);
 }
 
@@ -741,23 +724,23 @@ TEST_F(RemoteTest, PrefixCutsTheSetNameAtTwentyCharacters) {
 
 TEST_F(RemoteTest, TheLengthIsTheTextLengthModulo256ThenCutTo128) {
   const std::int16_t id = createSet("Radio");
-  EXPECT_EQ(remoteSystem(id, 0x80, pattern(200).c_str()), 0);
+  EXPECT_EQ(remoteSystem(id, 0x80, longText(200).c_str()), 0);
   EXPECT_EQ(remoteSlot(0).header[64], 128);
-  EXPECT_EQ(remoteSystem(id, 0x80, pattern(300).c_str()), 0);
+  EXPECT_EQ(remoteSystem(id, 0x80, longText(300).c_str()), 0);
   EXPECT_EQ(remoteSlot(1).header[64], 44);
-  EXPECT_EQ(remoteSystem(id, 0x40, pattern(256).c_str()), 0);
+  EXPECT_EQ(remoteSystem(id, 0x40, longText(256).c_str()), 0);
   EXPECT_EQ(remoteSlot(2).header[64], 7);  // the prefix alone
-  EXPECT_EQ(remoteSystem(id, 0x40, pattern(250).c_str()), 0);
+  EXPECT_EQ(remoteSystem(id, 0x40, longText(250).c_str()), 0);
   EXPECT_EQ(remoteSlot(3).header[64], 1);  // 250 + 7 wraps to 1
   expectRemoteDescriptor(4, 4, 4);
-  EXPECT_EQ(sys::capturedSyslog(), (std::vector{logged(LOG_ERR, pattern(200)), logged(LOG_ERR, pattern(300)),
-                                                logged(LOG_WARNING, pattern(256)), logged(LOG_WARNING, pattern(250))}));
+  EXPECT_EQ(sys::capturedSyslog(), (std::vector{logged(LOG_ERR, longText(200)), logged(LOG_ERR, longText(300)),
+                                                logged(LOG_WARNING, longText(256)), logged(LOG_WARNING, longText(250))}));
 }
 
 TEST_F(RemoteTest, EmptyRecordIsRejectedButConsumesASequenceNumberAndIsLogged) {
   EXPECT_EQ(remoteSystem(254, 0x40, "first"), 0);
   const Bytes file = sramFile();
-  for (const std::string& text : {std::string(), pattern(256), pattern(512)}) {
+  for (const std::string& text : {std::string(), longText(256), longText(512)}) {
     StderrCapture capture;
     EXPECT_EQ(remoteSystem(254, 0x40, text.c_str()), 0);
     EXPECT_EQ(capture.take(),
@@ -775,7 +758,7 @@ TEST_F(RemoteTest, EmptyRecordIsRejectedButConsumesASequenceNumberAndIsLogged) {
   EXPECT_EQ(lastSet(), 254);
   EXPECT_EQ(lastIndex(), 0);
   EXPECT_EQ(sys::capturedSyslog(), (std::vector{logged(LOG_WARNING, "first"), logged(LOG_WARNING, ""),
-                                                logged(LOG_WARNING, pattern(256)), logged(LOG_WARNING, pattern(512)),
+                                                logged(LOG_WARNING, longText(256)), logged(LOG_WARNING, longText(512)),
                                                 logged(LOG_ERR, "")}));
   expectLockReleased();
 

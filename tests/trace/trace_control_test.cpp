@@ -24,13 +24,6 @@ constexpr std::uint32_t kLibrary = 0x80000001u;
 constexpr std::uint32_t kAssertion = 0x80000002u;
 constexpr const char* kDisablingNotice = "\nDisabling Trace System\n";
 
-// All 128 contents bytes of an entry holding text.
-Bytes contentsOf(std::string_view text) {
-  Bytes contents(128, 0);
-  std::memcpy(contents.data(), text.data(), std::min<std::size_t>(text.size(), 128));
-  return contents;
-}
-
 // The 30 bytes of an entry's fileName field.
 Bytes fileNameField(std::string_view name) {
   Bytes field(30, 0);
@@ -61,7 +54,7 @@ class TraceControlTest : public NodeTest {
   void expectRecord(unsigned slot, const Record& r) const {
     SCOPED_TRACE("record " + std::to_string(slot));
     const SramEntry entry = readSramEntry(sram(), 0, slot);
-    EXPECT_EQ(entry.contents, contentsOf(r.text));
+    EXPECT_EQ(entry.contents, textContents(r.text));
     EXPECT_EQ(entry.header.contentsLength, r.text.size());
     const auto* name = reinterpret_cast<const std::uint8_t*>(entry.header.fileName);
     EXPECT_EQ(Bytes(name, name + 30), fileNameField(r.fileName));
