@@ -14,10 +14,12 @@
 //
 // The ring counters, the sequence number and the link to the newest entry
 // are advanced with atomic read-modify-write operations rather than separate
-// loads and stores: two writers of one set then never claim the same slot,
-// and no two entries share a sequence number. For a single writer the
-// result is the same. A reader that copies a slot while it is being written
-// may see a mix of the old and the new entry, which readers accept.
+// loads and stores: two writers of one set then never claim the same slot
+// within one round of its ring, and no two entries share a sequence number.
+// For a single writer the result is the same. A reader that copies a slot
+// while it is being written may see a mix of the old and the new entry,
+// which readers accept; so may a writer that is held up for a whole round
+// of the ring and then shares its slot with the writer one round later.
 
 #include <libgen.h>
 
