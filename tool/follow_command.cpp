@@ -157,11 +157,15 @@ std::vector<ListedEntry> pollSet(FollowedSet& set, std::uint32_t pollFloor, Poll
   return fresher;
 }
 
+// A set's name as printed: its 20 bytes need not end in a zero byte when the
+// descriptor was damaged.
+constexpr int kNameWidth = TRACE_SET_NAME_LENGTH;
+
 void printLost(const FollowedSet& set, std::uint32_t lost) {
   if (lost == 1) {
-    std::printf("-- 1 entry lost in set %s --\n", set.descriptor.name);
+    std::printf("-- 1 entry lost in set %.*s --\n", kNameWidth, set.descriptor.name);
   } else {
-    std::printf("-- %u entries lost in set %s --\n", lost, set.descriptor.name);
+    std::printf("-- %u entries lost in set %.*s --\n", lost, kNameWidth, set.descriptor.name);
   }
 }
 
@@ -233,7 +237,7 @@ void follow(const FollowOptions& options) {
       PollResult result;
       std::vector<ListedEntry> own = pollSet(set, pollFloor, result);
       if (result.cleared) {
-        std::printf("-- set %s was cleared --\n", set.descriptor.name);
+        std::printf("-- set %.*s was cleared --\n", kNameWidth, set.descriptor.name);
         printed = true;
       }
       if (result.lost > 0) {

@@ -62,7 +62,7 @@ static void printDescriptor(const char *name) {
     printf("  (descriptor not available)\n");
     return;
   }
-  printf("  name '%s', %s, %u slots of %u bytes from file offset %u, %u entries, created by %u\n",
+  printf("  name '%.20s', %s, %u slots of %u bytes from file offset %u, %u entries, created by %u\n",
          getTraceSetName((uint16_t)id), set->type == TS_STRING ? "text" : "dump",
          (unsigned)set->maxNumberEntries, (unsigned)set->traceEntryContentsLength,
          (unsigned)set->dataOffset, (unsigned)set->curentNumberEntries, (unsigned)set->creatorPid);

@@ -70,7 +70,10 @@ NODETRACE_API int getTraceSetId(const char *name);
 NODETRACE_API TraceSetStruct *getTraceSetStruct(uint16_t id);
 
 /** The name of trace set id ("System", "NVJ_System", or the descriptor's name
- *  field of a user set), or null for an unknown id. */
+ *  field of a user set), or null for an unknown id. A user set's name points
+ *  into shared memory: names are stored zero-terminated, but a damaged field
+ *  may fill all TRACE_SET_NAME_LENGTH bytes, so read at most that many
+ *  (strnlen, or printf's "%.20s"). */
 NODETRACE_API const char *getTraceSetName(uint16_t id);
 
 /** 1 if id names an existing trace set (255, 254, or a user set id below the
