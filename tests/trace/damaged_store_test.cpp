@@ -63,20 +63,6 @@ class DamagedStoreTest : public StoreTest {
     return entry;
   }
 
-  // The newest matching entries of the sets by findMatchingTraceEntries,
-  // counting entries up to limit.
-  struct Taken {
-    std::vector<std::uint16_t> counts;
-    std::vector<std::uint16_t> starts;
-    std::uint32_t total;
-  };
-  static Taken search(const std::vector<std::int16_t>& ids, std::uint32_t limit = 100) {
-    Taken taken{std::vector<std::uint16_t>(ids.size(), 0xEEEE), std::vector<std::uint16_t>(ids.size(), 0xEEEE), 0};
-    findMatchingTraceEntries(static_cast<std::uint8_t>(ids.size()), ids.data(), taken.starts.data(),
-                             taken.counts.data(), &taken.total, kEverySeverity, nullptr, limit, 1);
-    return taken;
-  }
-
   int dumpFile(std::uint32_t withSramSets = 1, std::uint32_t debugMode = 0) const {
     return dumpTracesToFile(logs("trace.dump").c_str(), withSramSets, debugMode);
   }
@@ -179,10 +165,10 @@ TEST_F(DamagedStoreTest, SearchesFindNothingInAnUnreachableRing) {
   std::uint16_t index = 0;
   findNextMatch(sharedDescriptor(id), 0, &index, kEverySeverity, kAllCategories);
   EXPECT_EQ(index, 0);
-  const Taken taken = search({good, id});
-  EXPECT_EQ(taken.counts, (std::vector<std::uint16_t>{2, 0}));
-  EXPECT_EQ(taken.starts, (std::vector<std::uint16_t>{0, 0xEEEE}));
-  EXPECT_EQ(taken.total, 2u);
+  const Found found = findMatching({good, id}, 100);
+  EXPECT_EQ(found.counts, (std::vector<std::uint16_t>{2, 0}));
+  EXPECT_EQ(found.starts, (std::vector<std::uint16_t>{0, 0xEEEE}));
+  EXPECT_EQ(found.total, 2u);
   EXPECT_TRUE(errorEntriesSince(before).empty());  // no complaints
 }
 
@@ -233,7 +219,7 @@ TEST_F(DamagedStoreTest, ASetCreatedWithoutSlotsStillWritesAtItsDataOffset) {
   EXPECT_EQ(slot(next, 0).text(), "second");
   // Readers and searches find nothing to walk in it.
   EXPECT_EQ(read(empty, 0), nullptr);
-  EXPECT_EQ(search({empty}).counts, (std::vector<std::uint16_t>{0}));
+  EXPECT_EQ(findMatching({empty}, 100).counts, (std::vector<std::uint16_t>{0}));
 }
 
 TEST_F(DamagedStoreTest, ACapacityDamagedToZeroNeverDividesAndNeverLeavesSlotZero) {
@@ -254,7 +240,7 @@ TEST_F(DamagedStoreTest, ACapacityDamagedToZeroNeverDividesAndNeverLeavesSlotZer
   std::uint16_t index = 2;
   findNextMatch(sharedDescriptor(id), 0, &index, kEverySeverity, kAllCategories);
   EXPECT_EQ(index, 2);
-  EXPECT_EQ(search({id, good}).counts, (std::vector<std::uint16_t>{0, 1}));
+  EXPECT_EQ(findMatching({id, good}, 100).counts, (std::vector<std::uint16_t>{0, 1}));
 
   ASSERT_EQ(dumpFile(0, 0), 0);
   EXPECT_TRUE(dumped().entries[0].empty());
@@ -336,7 +322,7 @@ TEST_F(DamagedStoreTest, AMaximumReachingPastTheMappingIsRefused) {
             TRACE_RC_NO_DESCRIPTOR);
   EXPECT_EQ(shm(), before);
   EXPECT_EQ(read(id, 0), nullptr);
-  EXPECT_EQ(search({id}).counts, (std::vector<std::uint16_t>{0}));
+  EXPECT_EQ(findMatching({id}, 100).counts, (std::vector<std::uint16_t>{0}));
 }
 
 TEST_F(DamagedStoreTest, ALongMaximumInTheSramFileNeverOverrunsTheReadersBuffer) {
@@ -361,7 +347,7 @@ TEST_F(DamagedStoreTest, ASetCountAbove200IsHeldToTheTable) {
   EXPECT_EQ(remote(220, "x"), TRACE_RC_UNKNOWN_SET);
   EXPECT_EQ(read(220, 0), nullptr);
   EXPECT_EQ(clearTraceSet(220), TRACE_RC_UNKNOWN_SET);
-  EXPECT_EQ(search({id, 220}).counts, (std::vector<std::uint16_t>{2, 0}));
+  EXPECT_EQ(findMatching({id, 220}, 100).counts, (std::vector<std::uint16_t>{2, 0}));
   std::int16_t newId = 7;
   EXPECT_EQ(initTraceSet("Later", TS_STRING, 4, 16, 1, &newId), TRACE_RC_TABLE_FULL);
   EXPECT_EQ(getTraceSetId("Later"), -1);
@@ -513,8 +499,8 @@ TEST_F(DamagedStoreTest, BackwardWalksOfAFullRingWithAWriteIndexBeyondItEnd) {
               start);
   }
   EXPECT_TRUE(errorEntriesSince(before).empty());
-  const Taken taken = search({id});
-  EXPECT_EQ(taken.counts, (std::vector<std::uint16_t>{4}));
+  const Found found = findMatching({id}, 100);
+  EXPECT_EQ(found.counts, (std::vector<std::uint16_t>{4}));
 }
 
 TEST_F(DamagedStoreTest, TheTraceDumpWalksADamagedRingRoundOnceAtMost) {
@@ -607,7 +593,7 @@ TEST_F(DamagedStoreTest, SramReadersFindNoEntryOutsideTheRegion) {
   patchSramField<std::uint32_t>(1, offsetof(TraceSetStruct, dataOffset), TRACE_SRAM_SYSTEM_DATA_OFFSET);
   EXPECT_EQ(read(SYSTEM_TRACE_SET_ID, 0), nullptr);
   EXPECT_EQ(read(REMOTE_SYSTEM_TRACE_SET_ID, 0), nullptr);
-  EXPECT_EQ(search({SYSTEM_TRACE_SET_ID}).counts, (std::vector<std::uint16_t>{0}));
+  EXPECT_EQ(findMatching({SYSTEM_TRACE_SET_ID}, 100).counts, (std::vector<std::uint16_t>{0}));
   const std::int16_t id = filledSet("Radio", 1);
   ASSERT_EQ(dumpFile(1, 1), 0);
   const DumpFile file = dumped(EntryCount::kOffsets);
@@ -621,7 +607,7 @@ TEST_F(DamagedStoreTest, SramSetsWithoutCapacityOrWithHugeCountsAreWalkedSafely)
   fillSramSet(0, 3, 3, 3, 1);
   patchSramField<std::uint16_t>(0, offsetof(TraceSetStruct, maxNumberEntries), 0);
   patchSramField<std::uint16_t>(0, offsetof(TraceSetStruct, curentNumberEntries), 60000);
-  EXPECT_EQ(search({SYSTEM_TRACE_SET_ID}).counts, (std::vector<std::uint16_t>{0}));
+  EXPECT_EQ(findMatching({SYSTEM_TRACE_SET_ID}, 100).counts, (std::vector<std::uint16_t>{0}));
   EXPECT_NE(read(SYSTEM_TRACE_SET_ID, 2), nullptr);     // inside the region
   EXPECT_EQ(read(SYSTEM_TRACE_SET_ID, 5000), nullptr);  // beyond it
   ASSERT_EQ(dumpFile(1, 1), 0);

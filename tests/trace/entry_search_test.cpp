@@ -188,16 +188,13 @@ TEST_F(SearchTest, AResultBeyondTheEntriesCountedAtTheEndOfTheWalkIsRecorded) {
 // ---- findMatchingTraceEntries ------------------------------------------------------
 
 TEST_F(SearchTest, SetsWithoutEntriesLeaveStartIndexesAndTotalUnchanged) {
-  const std::int16_t ids[] = {createSet("A", TS_STRING, 4, 16), createSet("B", TS_DUMP, 4, 16)};
-  std::uint16_t start[] = {0x1234, 0x5678};
-  std::uint16_t counts[] = {7, 7};
-  std::uint32_t total = 5;
-  findMatchingTraceEntries(2, ids, start, counts, &total, kEverySeverity, nullptr, 100, 1);
-  EXPECT_EQ(counts[0], 0);
-  EXPECT_EQ(counts[1], 0);
-  EXPECT_EQ(start[0], 0x1234);
-  EXPECT_EQ(start[1], 0x5678);
-  EXPECT_EQ(total, 5u);
+  const Found found = findMatching({createSet("A", TS_STRING, 4, 16), createSet("B", TS_DUMP, 4, 16)}, 100, 1,
+                                   kEverySeverity, nullptr, Found{{0x1234, 0x5678}, {7, 7}, 5});
+  EXPECT_EQ(found.counts[0], 0);
+  EXPECT_EQ(found.counts[1], 0);
+  EXPECT_EQ(found.starts[0], 0x1234);
+  EXPECT_EQ(found.starts[1], 0x5678);
+  EXPECT_EQ(found.total, 5u);
 }
 
 TEST_F(SearchTest, CountingEntriesTakesTheNewestOfAllSets) {
@@ -213,44 +210,32 @@ TEST_F(SearchTest, CountingEntriesTakesTheNewestOfAllSets) {
   ASSERT_EQ(slot(a, 1).header.sequenceNumber, 3u);
   ASSERT_EQ(slot(b, 1).header.sequenceNumber, 4u);
 
-  const std::int16_t ids[] = {a, b};
-  std::uint16_t start[] = {0xEEEE, 0xEEEE};
-  std::uint16_t counts[2] = {};
-  std::uint32_t total = 0;
-  findMatchingTraceEntries(2, ids, start, counts, &total, kEverySeverity, nullptr, 3, 1);
-  EXPECT_EQ(counts[0], 2);
-  EXPECT_EQ(counts[1], 1);
-  EXPECT_EQ(start[0], 1);  // the slot of 3
-  EXPECT_EQ(start[1], 1);  // the slot of 4
-  EXPECT_EQ(total, 3u);
+  const Found found = findMatching({a, b}, 3);
+  EXPECT_EQ(found.counts[0], 2);
+  EXPECT_EQ(found.counts[1], 1);
+  EXPECT_EQ(found.starts[0], 1);  // the slot of 3
+  EXPECT_EQ(found.starts[1], 1);  // the slot of 4
+  EXPECT_EQ(found.total, 3u);
 }
 
 TEST_F(SearchTest, CountingBytesTakesAnEntryOnlyWhileTheTotalStaysBelowTheLimit) {
   const std::int16_t id = createSet("Bytes", TS_STRING, 4, 128);
   text(id, TRACE_SEVERITY_INF, "first");
   text(id, TRACE_SEVERITY_INF, "second");
-  const std::int16_t ids[] = {id};
-  std::uint16_t start[] = {0xEEEE};
-  std::uint16_t counts[1] = {};
-  std::uint32_t total = 0;
-  findMatchingTraceEntries(1, ids, start, counts, &total, kEverySeverity, nullptr, 416, 0);
-  EXPECT_EQ(counts[0], 1);
-  EXPECT_EQ(start[0], 1);
-  EXPECT_EQ(total, 416u);
+  const Found found = findMatching({id}, 416, 0);
+  EXPECT_EQ(found.counts[0], 1);
+  EXPECT_EQ(found.starts[0], 1);
+  EXPECT_EQ(found.total, 416u);
 }
 
 TEST_F(SearchTest, TheBudgetGoesOnFromWhatWasSpentBefore) {
   const std::int16_t id = createSet("Spent", TS_STRING, 8, 128);
   for (int k = 0; k < 5; ++k) text(id, TRACE_SEVERITY_INF, "e");
-  const std::int16_t ids[] = {id};
-  std::uint16_t start[1] = {};
-  std::uint16_t counts[1] = {};
-  std::uint32_t total = 100;
   // 100 + 3 * 208 = 724 < 800; a fourth would make 932.
-  findMatchingTraceEntries(1, ids, start, counts, &total, kEverySeverity, nullptr, 800, 0);
-  EXPECT_EQ(counts[0], 3);
-  EXPECT_EQ(start[0], 2);
-  EXPECT_EQ(total, 800u);
+  const Found found = findMatching({id}, 800, 0, kEverySeverity, nullptr, Found{{}, {}, 100});
+  EXPECT_EQ(found.counts[0], 3);
+  EXPECT_EQ(found.starts[0], 2);
+  EXPECT_EQ(found.total, 800u);
 }
 
 TEST_F(SearchTest, ARunOfMatchesEndsAtTheNewestAndSkipsOtherSeverities) {
@@ -260,28 +245,20 @@ TEST_F(SearchTest, ARunOfMatchesEndsAtTheNewestAndSkipsOtherSeverities) {
   text(id, TRACE_SEVERITY_DBG, "d1");  // slot 1
   text(id, TRACE_SEVERITY_INF, "i2");  // slot 2
   text(id, TRACE_SEVERITY_DBG, "d3");  // slot 3
-  const std::int16_t ids[] = {id};
-  std::uint16_t start[1] = {};
-  std::uint16_t counts[1] = {};
-  std::uint32_t total = 0;
-  findMatchingTraceEntries(1, ids, start, counts, &total, TRACE_SEVERITY_INF, nullptr, 10, 1);
-  EXPECT_EQ(counts[0], 2);
-  EXPECT_EQ(start[0], 0);
-  EXPECT_EQ(total, 2u);
+  const Found found = findMatching({id}, 10, 1, TRACE_SEVERITY_INF);
+  EXPECT_EQ(found.counts[0], 2);
+  EXPECT_EQ(found.starts[0], 0);
+  EXPECT_EQ(found.total, 2u);
 }
 
 TEST_F(SearchTest, AWrappedRingIsTakenNewestFirstAcrossItsEnd) {
   const std::int16_t id = createSet("Wrapped", TS_STRING, 4, 16);
   for (int k = 0; k < 6; ++k) text(id, TRACE_SEVERITY_INF, "e" + std::to_string(k));
-  const std::int16_t ids[] = {id};
-  std::uint16_t start[1] = {};
-  std::uint16_t counts[1] = {};
-  std::uint32_t total = 0;
-  findMatchingTraceEntries(1, ids, start, counts, &total, kEverySeverity, nullptr, 100, 1);
+  const Found found = findMatching({id}, 100);
   // All four: the run begins at the oldest slot, writeIndex 2.
-  EXPECT_EQ(counts[0], 4);
-  EXPECT_EQ(start[0], 2);
-  EXPECT_EQ(total, 4u);
+  EXPECT_EQ(found.counts[0], 4);
+  EXPECT_EQ(found.starts[0], 2);
+  EXPECT_EQ(found.total, 4u);
 }
 
 TEST_F(SearchTest, CategoryMasksApplyPerSetOfTheRequest) {
@@ -291,17 +268,13 @@ TEST_F(SearchTest, CategoryMasksApplyPerSetOfTheRequest) {
   text(a, TRACE_SEVERITY_INF, "a2", 1, 0x2);
   text(b, TRACE_SEVERITY_INF, "b1", 1, 0x1);
   text(b, TRACE_SEVERITY_INF, "b2", 1, 0x2);
-  const std::int16_t ids[] = {a, b};
   const std::uint32_t masks[] = {0x1, 0x2};
-  std::uint16_t start[2] = {};
-  std::uint16_t counts[2] = {};
-  std::uint32_t total = 0;
-  findMatchingTraceEntries(2, ids, start, counts, &total, kEverySeverity, masks, 10, 1);
-  EXPECT_EQ(counts[0], 1);
-  EXPECT_EQ(start[0], 0);
-  EXPECT_EQ(counts[1], 1);
-  EXPECT_EQ(start[1], 1);
-  EXPECT_EQ(total, 2u);
+  const Found found = findMatching({a, b}, 10, 1, kEverySeverity, masks);
+  EXPECT_EQ(found.counts[0], 1);
+  EXPECT_EQ(found.starts[0], 0);
+  EXPECT_EQ(found.counts[1], 1);
+  EXPECT_EQ(found.starts[1], 1);
+  EXPECT_EQ(found.total, 2u);
 }
 
 TEST_F(SearchTest, EqualSequenceNumbersGoToTheLaterSetOfTheRequest) {
@@ -312,14 +285,10 @@ TEST_F(SearchTest, EqualSequenceNumbersGoToTheLaterSetOfTheRequest) {
   const std::int16_t remote = REMOTE_SYSTEM_TRACE_SET_ID;
   for (bool userFirst : {true, false}) {
     SCOPED_TRACE(userFirst ? "user set first" : "remote set first");
-    const std::int16_t ids[] = {userFirst ? a : remote, userFirst ? remote : a};
-    std::uint16_t start[2] = {};
-    std::uint16_t counts[2] = {};
-    std::uint32_t total = 0;
-    findMatchingTraceEntries(2, ids, start, counts, &total, kEverySeverity, nullptr, 1, 1);
-    EXPECT_EQ(counts[0], 0);
-    EXPECT_EQ(counts[1], 1);
-    EXPECT_EQ(total, 1u);
+    const Found found = findMatching({userFirst ? a : remote, userFirst ? remote : a}, 1);
+    EXPECT_EQ(found.counts[0], 0);
+    EXPECT_EQ(found.counts[1], 1);
+    EXPECT_EQ(found.total, 1u);
   }
 }
 
@@ -328,32 +297,24 @@ TEST_F(SearchTest, TheSetsOfTheSramFileAreSearchedInTheFile) {
   // 1000.. in slot order; "NVJ_System": 5 entries, 2000..
   fillSramSet(0, TRACE_SRAM_MAX_ENTRIES, 100, 838, 1000);
   fillSramSet(1, 5, 5, 5, 2000);
-  const std::int16_t ids[] = {SYSTEM_TRACE_SET_ID, REMOTE_SYSTEM_TRACE_SET_ID};
-  std::uint16_t start[2] = {0xEEEE, 0xEEEE};
-  std::uint16_t counts[2] = {};
-  std::uint32_t total = 0;
-  findMatchingTraceEntries(2, ids, start, counts, &total, kEverySeverity, nullptr, 8, 1);
-  EXPECT_EQ(counts[1], 5);
-  EXPECT_EQ(start[1], 0);
+  const Found found = findMatching({SYSTEM_TRACE_SET_ID, REMOTE_SYSTEM_TRACE_SET_ID}, 8);
+  EXPECT_EQ(found.counts[1], 5);
+  EXPECT_EQ(found.starts[1], 0);
   // The newest of "System" is slot 99 (sequence 1099), then 98, 97.
-  EXPECT_EQ(counts[0], 3);
-  EXPECT_EQ(start[0], 97);
-  EXPECT_EQ(total, 8u);
+  EXPECT_EQ(found.counts[0], 3);
+  EXPECT_EQ(found.starts[0], 97);
+  EXPECT_EQ(found.total, 8u);
 }
 
 TEST_F(SearchTest, ASramFileThatCannotBeOpenedForTheWalkYieldsNothing) {
   fillSramSet(1, 5, 5, 5, 2000);
-  const std::int16_t ids[] = {REMOTE_SYSTEM_TRACE_SET_ID};
-  std::uint16_t start[] = {0xEEEE};
-  std::uint16_t counts[1] = {};
-  std::uint32_t total = 0;
   // Opens: the descriptor at the start, the descriptor of the pass, the
   // walk's own.
   sys::failCall(Call::kOpen, 3, EACCES);
-  findMatchingTraceEntries(1, ids, start, counts, &total, kEverySeverity, nullptr, 8, 1);
-  EXPECT_EQ(counts[0], 0);
-  EXPECT_EQ(start[0], 0xEEEE);
-  EXPECT_EQ(total, 0u);
+  const Found found = findMatching({REMOTE_SYSTEM_TRACE_SET_ID}, 8);
+  EXPECT_EQ(found.counts[0], 0);
+  EXPECT_EQ(found.starts[0], 0xEEEE);
+  EXPECT_EQ(found.total, 0u);
 }
 
 TEST_F(SearchTest, AnEntryThatCannotBeReadIsRecordedAndEndsItsSet) {
@@ -361,15 +322,11 @@ TEST_F(SearchTest, AnEntryThatCannotBeReadIsRecordedAndEndsItsSet) {
   // off: the walk finds it, the entry reader refuses it.
   fillSramSet(1, 3, 3, 3, 10);
   ASSERT_EQ(truncate(sram().c_str(), TRACE_SRAM_REMOTE_DATA_OFFSET + 2 * TRACE_SRAM_SLOT_SIZE + 80), 0);
-  const std::int16_t ids[] = {REMOTE_SYSTEM_TRACE_SET_ID};
-  std::uint16_t start[] = {0xEEEE};
-  std::uint16_t counts[1] = {};
-  std::uint32_t total = 0;
   const TraceSetStruct before = errorSet();
-  findMatchingTraceEntries(1, ids, start, counts, &total, kEverySeverity, nullptr, 8, 1);
-  EXPECT_EQ(counts[0], 0);
-  EXPECT_EQ(start[0], 0xEEEE);
-  EXPECT_EQ(total, 0u);
+  const Found found = findMatching({REMOTE_SYSTEM_TRACE_SET_ID}, 8);
+  EXPECT_EQ(found.counts[0], 0);
+  EXPECT_EQ(found.starts[0], 0xEEEE);
+  EXPECT_EQ(found.total, 0u);
   const std::vector<SramEntry> records = errorEntriesSince(before);
   ASSERT_EQ(records.size(), 1u);
   expectLibraryRecord(records[0], 3079,
@@ -379,17 +336,13 @@ TEST_F(SearchTest, AnEntryThatCannotBeReadIsRecordedAndEndsItsSet) {
 TEST_F(SearchTest, UnknownSetsTakeNoPart) {
   const std::int16_t a = createSet("A", TS_STRING, 4, 16);
   text(a, TRACE_SEVERITY_INF, "a");
-  const std::int16_t ids[] = {57, a, -3};
-  std::uint16_t start[] = {0xEEEE, 0xEEEE, 0xEEEE};
-  std::uint16_t counts[] = {9, 9, 9};
-  std::uint32_t total = 0;
-  findMatchingTraceEntries(3, ids, start, counts, &total, kEverySeverity, nullptr, 8, 1);
-  EXPECT_EQ(counts[0], 0);
-  EXPECT_EQ(counts[1], 1);
-  EXPECT_EQ(counts[2], 0);
-  EXPECT_EQ(start[0], 0xEEEE);
-  EXPECT_EQ(start[1], 0);
-  EXPECT_EQ(start[2], 0xEEEE);
+  const Found found = findMatching({57, a, -3}, 8, 1, kEverySeverity, nullptr, Found{{}, {9, 9, 9}, 0});
+  EXPECT_EQ(found.counts[0], 0);
+  EXPECT_EQ(found.counts[1], 1);
+  EXPECT_EQ(found.counts[2], 0);
+  EXPECT_EQ(found.starts[0], 0xEEEE);
+  EXPECT_EQ(found.starts[1], 0);
+  EXPECT_EQ(found.starts[2], 0xEEEE);
 }
 
 // ---- findNextMatch ----------------------------------------------------------------
@@ -444,14 +397,7 @@ TEST_F(SearchTest, NextMatchWithANullDescriptorDoesNothing) {
 TEST_F(SearchTest, RingsWithDamagedDescriptorsGiveNothingAndNeverCrash) {
   const std::int16_t id = ringOfFour(6);
   TraceSetStruct damaged = descriptor(id);
-  const std::int16_t ids[] = {id};
-  const auto search = [&] {
-    std::uint16_t start[] = {0xEEEE};
-    std::uint16_t counts[1] = {};
-    std::uint32_t total = 0;
-    findMatchingTraceEntries(1, ids, start, counts, &total, kEverySeverity, nullptr, 100, 1);
-    return counts[0];
-  };
+  const auto search = [id] { return findMatching({id}, 100).counts[0]; };
 
   // No slots, but entries counted.
   storeShared(&sharedDescriptor(id)->maxNumberEntries, 0);

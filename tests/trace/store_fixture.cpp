@@ -144,4 +144,14 @@ void StoreTest::expectLibraryRecord(const SramEntry& entry, std::int32_t line, c
   EXPECT_EQ(entry.header.category, TRACE_CATEGORY_LIBRARY);
 }
 
+Found StoreTest::findMatching(const std::vector<std::int16_t>& ids, std::uint32_t limit,
+                                         std::uint32_t countEntries, std::uint8_t severities,
+                                         const std::uint32_t* categoryMasks, Found preset) {
+  preset.starts.resize(ids.size(), 0xEEEE);
+  preset.counts.resize(ids.size(), 0xEEEE);
+  findMatchingTraceEntries(static_cast<std::uint8_t>(ids.size()), ids.data(), preset.starts.data(),
+                           preset.counts.data(), &preset.total, severities, categoryMasks, limit, countEntries);
+  return preset;
+}
+
 }  // namespace nt::test

@@ -20,6 +20,14 @@ struct Slot {
   std::string text() const;
 };
 
+// What one findMatchingTraceEntries call leaves: the start index and count
+// of every set of the request, and the running total.
+struct Found {
+  std::vector<std::uint16_t> starts;
+  std::vector<std::uint16_t> counts;
+  std::uint32_t total = 0;
+};
+
 class StoreTest : public NodeTest {
  protected:
   void SetUp() override;
@@ -58,6 +66,13 @@ class StoreTest : public NodeTest {
   // One record of the library: severity 0x80, category 0x80000001,
   // "traceLibLocal.c" and the line; its text compared in full.
   static void expectLibraryRecord(const SramEntry& entry, std::int32_t line, const std::string& text);
+
+  // findMatchingTraceEntries over ids, counting entries (countEntries 1) or
+  // bytes (0) up to limit. Starts and counts not given in `preset` are preset
+  // to 0xEEEE, a value no search of the tests' rings leaves.
+  static Found findMatching(const std::vector<std::int16_t>& ids, std::uint32_t limit,
+                            std::uint32_t countEntries = 1, std::uint8_t severities = 0xFF,
+                            const std::uint32_t* categoryMasks = nullptr, Found preset = {});
 };
 
 }  // namespace nt::test
