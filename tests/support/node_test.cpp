@@ -18,6 +18,7 @@
 #include "tests/support/recording_platform.h"
 #include "trace/node_names.h"
 #include "trace/syscalls.h"
+#include "trace/trace_lock.h"
 #include "trace/trace_system.h"
 
 #ifndef NODETRACE_TEST_TOOLS_DIR
@@ -260,6 +261,48 @@ void StartGate::wait() {
 void StartGate::open() {
   close(fds_[1]);
   fds_[1] = -1;
+}
+
+int semaphoreValue(sem_t* semaphore) {
+  int value = -1;
+  sem_getvalue(semaphore, &value);
+  return value;
+}
+
+int semaphoreValue() { return semaphoreValue(g_process.semaphore); }
+
+pid_t startChildThatReports(const std::function<char()>& body, char* reported) {
+  int ready[2];
+  if (pipe(ready) != 0) return -1;
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    close(ready[0]);
+    const char byte = body();
+    if (write(ready[1], &byte, 1) != 1) _exit(2);
+    for (;;) pause();
+  }
+  close(ready[1]);
+  if (read(ready[0], reported, 1) != 1) *reported = 0;
+  close(ready[0]);
+  return child;
+}
+
+pid_t startLockHolder() {
+  char reported = 0;
+  const pid_t child = startChildThatReports(
+      [] {
+        sigset_t saved;
+        return traceLock(g_process.semaphore, "traceMutex", &saved) == 0 ? 'L' : 'X';
+      },
+      &reported);
+  EXPECT_EQ(reported, 'L');
+  return child;
+}
+
+void killAndReap(pid_t child) {
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
 }
 
 }  // namespace nt::test

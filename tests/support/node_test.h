@@ -4,7 +4,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <semaphore.h>
 #include <signal.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -105,6 +107,23 @@ int runInChild(const std::function<int()>& body);
 // at the same instant. Returns each child's exit status (or 128 + the signal
 // that ended it), in index order.
 std::vector<int> runChildrenAtOnce(int count, const std::function<int(int)>& body);
+
+// The value of a semaphore (-1 when it cannot be read); without an argument,
+// of this process's trace semaphore.
+int semaphoreValue(sem_t* semaphore);
+int semaphoreValue();
+
+// A child that runs body, reports its one byte through a pipe and then
+// sleeps until it is killed. Returns once the byte has arrived (*reported is
+// 0 when none came), or -1 when no child could be started.
+pid_t startChildThatReports(const std::function<char()>& body, char* reported);
+
+// A child that takes the trace lock and never lets go (its signals stay
+// blocked: only SIGKILL ends it). Fails the test unless the child reported
+// that it holds the lock.
+pid_t startLockHolder();
+
+void killAndReap(pid_t child);
 
 // Children that wait at a gate until the parent opens it, so that they start
 // their work at the same instant.

@@ -102,9 +102,7 @@ TEST_F(ClearingTest, TheLockIsHeldWhileClearingAndReleasedAfterwards) {
   sigset_t before;
   pthread_sigmask(SIG_SETMASK, nullptr, &before);
   EXPECT_EQ(clearTraceSet(id), 0);
-  int value = -1;
-  sem_getvalue(g_process.semaphore, &value);
-  EXPECT_EQ(value, 1);
+  EXPECT_EQ(semaphoreValue(), 1);
   EXPECT_EQ(header()->lockHolderTid, 0);
   sigset_t after;
   pthread_sigmask(SIG_SETMASK, nullptr, &after);
@@ -114,38 +112,22 @@ TEST_F(ClearingTest, TheLockIsHeldWhileClearingAndReleasedAfterwards) {
 TEST_F(ClearingTest, AHolderThatNeverLetsGoDelaysTheClearingByTheDeadlineOnly) {
   const std::int16_t id = createSet("Stuck", TS_STRING, 4, 16);
   text(id, TRACE_SEVERITY_INF, "e");
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  std::fflush(nullptr);
-  const pid_t holder = fork();
-  if (holder == 0) {
-    sigset_t saved;
-    const char byte = traceLock(g_process.semaphore, "traceMutex", &saved) == 0 ? 'L' : 'X';
-    if (write(ready[1], &byte, 1) != 1) _exit(2);
-    for (;;) pause();
-  }
-  close(ready[1]);
-  char byte = 0;
-  ASSERT_EQ(read(ready[0], &byte, 1), 1);
-  ASSERT_EQ(byte, 'L');
-  close(ready[0]);
+  const pid_t holder = startLockHolder();
+  ASSERT_FALSE(HasFailure());
 
   StderrCapture err;
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(clearTraceSet(id), 0);
   const auto waited = std::chrono::steady_clock::now() - start;
   const std::string printed = err.take();
-  kill(holder, SIGKILL);
-  waitpid(holder, nullptr, 0);
+  killAndReap(holder);
 
   EXPECT_GE(waited, std::chrono::seconds(5));
   EXPECT_NE(printed.find("could not get trace semaphore " + std::string(nodeNames().semaphore)), std::string::npos)
       << printed;
   EXPECT_EQ(descriptor(id).curentNumberEntries, 0);
   // The lock it never got is not released.
-  int value = -1;
-  sem_getvalue(g_process.semaphore, &value);
-  EXPECT_EQ(value, 0);
+  EXPECT_EQ(semaphoreValue(), 0);
 }
 
 }  // namespace

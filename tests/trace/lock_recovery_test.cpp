@@ -53,30 +53,6 @@ bool isStarvationMessage(const std::string& text, pid_t waiter, pid_t holder) {
 
 void reap(pid_t child) { waitpid(child, nullptr, 0); }
 
-void killAndReap(pid_t child) {
-  kill(child, SIGKILL);
-  reap(child);
-}
-
-// A child that runs body, reports its one byte through a pipe and then
-// sleeps until it is killed. Returns once the byte has arrived.
-pid_t startChildThatReports(const std::function<char()>& body, char* reported) {
-  int ready[2];
-  if (pipe(ready) != 0) return -1;
-  std::fflush(nullptr);
-  const pid_t child = fork();
-  if (child == 0) {
-    close(ready[0]);
-    const char byte = body();
-    if (write(ready[1], &byte, 1) != 1) _exit(2);
-    for (;;) pause();
-  }
-  close(ready[1]);
-  if (read(ready[0], reported, 1) != 1) *reported = 0;
-  close(ready[0]);
-  return child;
-}
-
 // The exit status of child (128 + signal when a signal ended it), or -2
 // when it has not ended within limit: then it is killed, so that a wait
 // that never ends fails the test instead of hanging it.
@@ -111,12 +87,6 @@ int runInChildWithin(std::chrono::seconds limit, const std::function<int()>& bod
 // Long enough for any wait of this file; a child still waiting then is stuck.
 constexpr auto kStuck = std::chrono::seconds(30);
 
-int semaphoreValue(sem_t* semaphore) {
-  int value = -1;
-  sem_getvalue(semaphore, &value);
-  return value;
-}
-
 // The four bytes behind lockHolderTid: the holder's start stamp.
 std::uint32_t reservedWord(const Bytes& object) { return u32At(object, TRACE_RESERVED_AREA_OFFSET); }
 
@@ -132,20 +102,6 @@ class LockRecoveryTest : public NodeTest {
   }
 
   pid_t recordedHolder() const { return holderTid(loadHolder(header())); }
-  int semaphoreValue() const { return test::semaphoreValue(g_process.semaphore); }
-
-  // A child that takes the lock directly and never lets go.
-  pid_t startLockHolder() {
-    char reported = 0;
-    const pid_t child = startChildThatReports(
-        [] {
-          sigset_t saved;
-          return traceLock(g_process.semaphore, "traceMutex", &saved) == 0 ? 'L' : 'X';
-        },
-        &reported);
-    EXPECT_EQ(reported, 'L');
-    return child;
-  }
 
   // A child that writes warnings without end, stopped and killed while it
   // holds the lock for one of them: an error-class entry in flight.

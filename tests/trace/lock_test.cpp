@@ -27,38 +27,6 @@ class LockTest : public NodeTest {
   }
 
   std::int32_t holderTid() const { return static_cast<std::int32_t>(u32At(readSharedObject(shmName()), 24)); }
-
-  int semaphoreValue() const {
-    int value = -1;
-    sem_getvalue(g_process.semaphore, &value);
-    return value;
-  }
-
-  // A child that takes the lock, says so through the pipe and never lets go.
-  pid_t startStuckHolder() {
-    int ready[2];
-    EXPECT_EQ(pipe(ready), 0);
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-      sigset_t saved;
-      const int rc = traceLock(g_process.semaphore, "traceMutex", &saved);
-      const char byte = rc == 0 ? 'L' : 'X';
-      if (write(ready[1], &byte, 1) != 1) _exit(2);
-      for (;;) pause();  // all signals blocked: only SIGKILL ends it
-    }
-    close(ready[1]);
-    char byte = 0;
-    EXPECT_EQ(read(ready[0], &byte, 1), 1);
-    EXPECT_EQ(byte, 'L');
-    close(ready[0]);
-    return child;
-  }
-
-  static void killChild(pid_t child) {
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-  }
 };
 
 std::string starvationMessage(long seconds, pid_t holder) {
@@ -115,7 +83,7 @@ TEST_F(LockTest, GuardReleasesOnEveryPathOutOfItsScope) {
 }
 
 TEST_F(LockTest, StuckHolderMakesAWaiterReportStarvationAfterFiveSecondsAndGoOn) {
-  const pid_t holder = startStuckHolder();
+  const pid_t holder = startLockHolder();
   sigset_t saved;
   StderrCapture capture;
   const auto start = std::chrono::steady_clock::now();
@@ -136,7 +104,7 @@ TEST_F(LockTest, StuckHolderMakesAWaiterReportStarvationAfterFiveSecondsAndGoOn)
   traceUnlock(rc != -1, g_process.semaphore, &saved);
   EXPECT_EQ(semaphoreValue(), 0);
   EXPECT_EQ(holderTid(), holder);
-  killChild(holder);
+  killAndReap(holder);
 }
 
 TEST_F(LockTest, StartUpWaitsWithoutDeadline) {

@@ -44,12 +44,6 @@ class MasksTest : public NodeTest {
                  kDescriptorTableOffset + static_cast<std::size_t>(id) * kDescriptorSize + kCategoryMaskOffset);
   }
 
-  static int semaphoreValue() {
-    int value = -1;
-    sem_getvalue(g_process.semaphore, &value);
-    return value;
-  }
-
   // A new user set; fails the test when creation does not return 0.
   static std::int16_t createSet(const char* name, std::uint32_t mask) {
     std::int16_t id = -1;
