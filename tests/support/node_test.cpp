@@ -17,6 +17,7 @@
 #include "logbridge/log_file.h"
 #include "tests/support/recording_platform.h"
 #include "trace/node_names.h"
+#include "trace/shared_access.h"
 #include "trace/syscalls.h"
 #include "trace/trace_lock.h"
 #include "trace/trace_system.h"
@@ -303,6 +304,16 @@ pid_t startLockHolder() {
 void killAndReap(pid_t child) {
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
+}
+
+void expectTraceLockReleased(const sigset_t& callerMask) {
+  EXPECT_EQ(semaphoreValue(), 1);
+  EXPECT_EQ(loadShared(&header()->lockHolderTid), 0);
+  sigset_t mask;
+  pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+    EXPECT_EQ(sigismember(&mask, signal), sigismember(&callerMask, signal)) << "signal " << signal;
+  }
 }
 
 }  // namespace nt::test

@@ -125,6 +125,10 @@ pid_t startLockHolder();
 
 void killAndReap(pid_t child);
 
+// The trace lock is free, nobody is recorded as its holder, and the calling
+// thread's signal mask is callerMask again.
+void expectTraceLockReleased(const sigset_t& callerMask);
+
 // Children that wait at a gate until the parent opens it, so that they start
 // their work at the same instant.
 class StartGate {

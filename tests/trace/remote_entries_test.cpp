@@ -191,15 +191,7 @@ class RemoteTest : public NodeTest {
   // The lock is free, nobody is recorded as its holder, and the caller's
   // signal mask is back.
   void expectLockReleased() const {
-    int value = -1;
-    sem_getvalue(g_process.semaphore, &value);
-    EXPECT_EQ(value, 1);
-    EXPECT_EQ(loadShared(&header()->lockHolderTid), 0);
-    sigset_t mask;
-    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    for (int signal = 1; signal <= SIGRTMAX; ++signal) {
-      EXPECT_EQ(sigismember(&mask, signal), sigismember(&mask_, signal)) << "signal " << signal;
-    }
+    expectTraceLockReleased(mask_);
   }
 
   static std::uint16_t lastSet() { return loadShared(&header()->lastTraceSetId); }

@@ -65,9 +65,7 @@ TEST_F(StartupFailureTest, ObjectThatCannotBeOpened) {
             "traceLibLocal.c (initSharedMemory,212): Opening shmem failed (Permission denied)!\n");
   EXPECT_EQ(g_process.initialised.load(), 1);  // started all the same
   expectRefusalsWithoutTraceMemory();
-  int value = -1;
-  sem_getvalue(g_process.semaphore, &value);
-  EXPECT_EQ(value, 1);
+  EXPECT_EQ(semaphoreValue(), 1);
 }
 
 TEST_F(StartupFailureTest, ObjectThatCannotBeCreated) {
@@ -110,9 +108,7 @@ TEST_F(StartupFailureTest, SramFileThatCannotBeCreatedReleasesTheObject) {
   EXPECT_EQ(sharedObjectSize(shmName()), -1);  // unlinked for the whole node
   EXPECT_EQ(toolLog(), "");                    // no permission change on this path
   expectRefusalsWithoutTraceMemory();
-  int value = -1;
-  sem_getvalue(g_process.semaphore, &value);
-  EXPECT_EQ(value, 1);
+  EXPECT_EQ(semaphoreValue(), 1);
 }
 
 TEST_F(StartupFailureTest, SeekFailure) {
