@@ -38,7 +38,6 @@ constexpr std::uint32_t kLimit = 972800;
 constexpr std::uint8_t kStreamSeverities[] = {TRACE_SEVERITY_WAR, TRACE_SEVERITY_NOT, TRACE_SEVERITY_INF,
                                               TRACE_SEVERITY_DBG};
 
-std::string recorded(const std::string& text) { return text.substr(0, 127); }
 
 class ResetDumpTest : public StoreTest {
  protected:
@@ -178,10 +177,23 @@ class ResetDumpTest : public StoreTest {
 
   void expectFailure(int result, const TraceSetStruct& before, std::int32_t line, const std::string& message) {
     EXPECT_EQ(result, TRACE_RC_FILE_ERROR);
-    const std::vector<SramEntry> records = errorEntriesSince(before);
-    ASSERT_EQ(records.size(), 1u);
-    expectLibraryRecord(records[0], line, recorded(message));
+    expectOneLibraryRecordSince(before, line, recorded(message));
     EXPECT_EQ(header()->severityMask, 0xE8);
+  }
+
+  // "Odd" holds a warning numbered 0xFFFFFFFF, which is selected but never
+  // delivered: its set writes nothing, and the entries of "Next" begin
+  // earlier than computed, which the dump reports.
+  void offsetMismatchStore() {
+    const std::int16_t odd = createSet("Odd", TS_STRING, 4, 16);
+    const std::int16_t next = createSet("Next", TS_STRING, 4, 16);
+    text(odd, TRACE_SEVERITY_INF, "odd");
+    text(next, TRACE_SEVERITY_INF, "next");
+    setSeverity(odd, 0, TRACE_SEVERITY_WAR);
+    storeShared(&sharedSlot(odd, 0)->sequenceNumber, 0xFFFFFFFFu);
+  }
+  static std::string offsetMismatchMessage() {
+    return "TS 1: offset mismatch (computed: " + std::to_string(htonl(124u + 96u)) + ", real: 124), updating\n";
   }
 
   std::string savedCwd_;
@@ -462,18 +474,10 @@ TEST_F(ResetDumpTest, ViaTheTemporaryFileTheMaskAndTheOldFilesAreLeftAlone) {
 }
 
 TEST_F(ResetDumpTest, OffsetMismatchIsReportedWithTheStoredFieldAsItLiesInTheFile) {
-  // A warning numbered 0xFFFFFFFF is selected but never delivered: its set
-  // writes nothing, and the next set's entries begin earlier than computed.
-  const std::int16_t odd = createSet("Odd", TS_STRING, 4, 16);
-  const std::int16_t next = createSet("Next", TS_STRING, 4, 16);
-  text(odd, TRACE_SEVERITY_INF, "odd");
-  text(next, TRACE_SEVERITY_INF, "next");
-  setSeverity(odd, 0, TRACE_SEVERITY_WAR);
-  storeShared(&sharedSlot(odd, 0)->sequenceNumber, 0xFFFFFFFFu);
+  offsetMismatchStore();
   StderrCapture err;
   ASSERT_EQ(dumpNow(), 0);
-  EXPECT_EQ(err.take(), "TS 1: offset mismatch (computed: " + std::to_string(htonl(124u + 96u)) +
-                            ", real: 124), updating\n");
+  EXPECT_EQ(err.take(), offsetMismatchMessage());
   const Bytes file = readFileBytes(logs("TraceLog.3"));
   ASSERT_EQ(file.size(), 124u + 96);
   EXPECT_EQ(be32At(file, 28 + 36), 124u);       // "Odd": one entry at 124, never written
@@ -605,19 +609,13 @@ TEST_F(ResetDumpTest, ReadingADescriptorBackFails) {
 }
 
 TEST_F(ResetDumpTest, RewritingAnOffsetFailsWithTheReadingText) {
-  const std::int16_t odd = createSet("Odd", TS_STRING, 4, 16);
-  const std::int16_t next = createSet("Next", TS_STRING, 4, 16);
-  text(odd, TRACE_SEVERITY_INF, "odd");
-  text(next, TRACE_SEVERITY_INF, "next");
-  setSeverity(odd, 0, TRACE_SEVERITY_WAR);
-  storeShared(&sharedSlot(odd, 0)->sequenceNumber, 0xFFFFFFFFu);
+  offsetMismatchStore();
   const TraceSetStruct before = errorSet();
   // The header, two descriptors, then the rewritten descriptor of "Next".
   sys::failCall(Call::kWrite, 4, ENOSPC);
   StderrCapture err;
   expectFailure(dumpNow(), before, 3674, "(dumpTracesBeforeReset): Problems reading from file: 28 (No space left on device)");
-  EXPECT_EQ(err.take(), "TS 1: offset mismatch (computed: " + std::to_string(htonl(124u + 96u)) +
-                            ", real: 124), updating\n");
+  EXPECT_EQ(err.take(), offsetMismatchMessage());
 }
 
 TEST_F(ResetDumpTest, EntryHeaderWriteFailure) {

@@ -28,8 +28,6 @@ using sys::Call;
 
 constexpr std::uint16_t kNone = 0xFFFF;
 
-// What the error trace set keeps of a recorded text: 127 characters.
-std::string recorded(const std::string& text) { return text.substr(0, 127); }
 
 class DumpFileTest : public StoreTest {
  protected:
@@ -95,9 +93,7 @@ class DumpFileTest : public StoreTest {
   // closed and gone, what was written copied to the output.
   void expectFailure(int result, const TraceSetStruct& before, std::int32_t line, const std::string& message) {
     EXPECT_EQ(result, TRACE_RC_FILE_ERROR);
-    const std::vector<SramEntry> records = errorEntriesSince(before);
-    ASSERT_EQ(records.size(), 1u);
-    expectLibraryRecord(records[0], line, recorded(message));
+    expectOneLibraryRecordSince(before, line, recorded(message));
     EXPECT_EQ(platformCalls("omluCloseFile").size(), 1u);
     EXPECT_FALSE(fileExists(temporary()));
     EXPECT_TRUE(fileExists(output()));
@@ -192,10 +188,8 @@ TEST_F(DumpFileTest, AStaleTemporaryFileMakesEveryDumpFailUntilItIsRemoved) {
   for (int attempt = 0; attempt < 2; ++attempt) {
     const TraceSetStruct before = errorSet();
     EXPECT_EQ(dumpTo(0, 1), TRACE_RC_FILE_ERROR);
-    const std::vector<SramEntry> records = errorEntriesSince(before);
-    ASSERT_EQ(records.size(), 1u);
-    expectLibraryRecord(records[0], 2356,
-                        recorded("(dumpTracesToFile) Can't create file " + temporary() + ": 17 (File exists)"));
+    expectOneLibraryRecordSince(before, 2356,
+                                recorded("(dumpTracesToFile) Can't create file " + temporary() + ": 17 (File exists)"));
     EXPECT_FALSE(fileExists(output()));
     EXPECT_EQ(readFileText(temporary()), "left by a crash");
   }

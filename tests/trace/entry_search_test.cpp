@@ -97,9 +97,7 @@ TEST_F(SearchTest, TooLargeIndexIsRecordedOnceAndFindsNothing) {
   text(id, TRACE_SEVERITY_INF, "two");
   const TraceSetStruct before = errorSet();
   EXPECT_EQ(walk(id, 2, kAllCategories), kNoSlot);
-  const std::vector<SramEntry> records = errorEntriesSince(before);
-  ASSERT_EQ(records.size(), 1u);
-  expectLibraryRecord(records[0], 2888, "(findPrevMatchingEntry): called with too large index (2 >= 2) for trace set Alpha");
+  expectOneLibraryRecordSince(before, 2888, "(findPrevMatchingEntry): called with too large index (2 >= 2) for trace set Alpha");
 }
 
 TEST_F(SearchTest, TheLastSlotOfARingThatNeverWrappedIsNoComplaintAndNoMatch) {
@@ -180,9 +178,7 @@ TEST_F(SearchTest, AResultBeyondTheEntriesCountedAtTheEndOfTheWalkIsRecorded) {
 
   EXPECT_EQ(found, 3u);  // returned all the same
   EXPECT_EQ(descriptor(id).curentNumberEntries, 0);
-  const std::vector<SramEntry> records = errorEntriesSince(before);
-  ASSERT_EQ(records.size(), 1u);
-  expectLibraryRecord(records[0], 2983, "findPrevMatchingEntry: strange return value 3 (curentNumberEntries = 0)");
+  expectOneLibraryRecordSince(before, 2983, "findPrevMatchingEntry: strange return value 3 (curentNumberEntries = 0)");
 }
 
 // ---- findMatchingTraceEntries ------------------------------------------------------
@@ -327,10 +323,8 @@ TEST_F(SearchTest, AnEntryThatCannotBeReadIsRecordedAndEndsItsSet) {
   EXPECT_EQ(found.counts[0], 0);
   EXPECT_EQ(found.starts[0], 0xEEEE);
   EXPECT_EQ(found.total, 0u);
-  const std::vector<SramEntry> records = errorEntriesSince(before);
-  ASSERT_EQ(records.size(), 1u);
-  expectLibraryRecord(records[0], 3079,
-                      "(findMatchingTraceEntries): getTraceEntry for TS 254 (of 0), index 2 (of 3) returns 0L!");
+  expectOneLibraryRecordSince(before, 3079,
+                              "(findMatchingTraceEntries): getTraceEntry for TS 254 (of 0), index 2 (of 3) returns 0L!");
 }
 
 TEST_F(SearchTest, UnknownSetsTakeNoPart) {

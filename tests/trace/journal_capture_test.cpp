@@ -89,9 +89,7 @@ TEST_F(JournalTest, AShellThatCannotBeStartedForTheJournalIsRecorded) {
   const TraceSetStruct before = errorSet();
   sys::failCall(Call::kSystem, 1, EAGAIN);
   EXPECT_EQ(dumpJournalLogs(), 0);
-  const std::vector<SramEntry> records = errorEntriesSince(before);
-  ASSERT_EQ(records.size(), 1u);
-  expectLibraryRecord(records[0], 2296, "(dumpJournalLogs) Writing Journal Log to a file Failed: 11 (Resource temporarily unavailable)");
+  expectOneLibraryRecordSince(before, 2296, "(dumpJournalLogs) Writing Journal Log to a file Failed: 11 (Resource temporarily unavailable)");
   EXPECT_FALSE(fileExists(logs("JournalLog.7")));
   EXPECT_EQ(toolLog(), "");
 }
@@ -102,9 +100,7 @@ TEST_F(JournalTest, AShellThatCannotBeStartedForTheRemovalIsRecorded) {
   const TraceSetStruct before = errorSet();
   sys::failCall(Call::kSystem, 2, ENOMEM);
   EXPECT_EQ(dumpJournalLogs(), 0);
-  const std::vector<SramEntry> records = errorEntriesSince(before);
-  ASSERT_EQ(records.size(), 1u);
-  expectLibraryRecord(records[0], 2307, "(dumpJournalLogs) Removing older Jounal logs Failed 12 (Cannot allocate memory)");
+  expectOneLibraryRecordSince(before, 2307, "(dumpJournalLogs) Removing older Jounal logs Failed 12 (Cannot allocate memory)");
   EXPECT_EQ(logFiles().size(), 7u);
 }
 

@@ -144,9 +144,15 @@ void StoreTest::expectLibraryRecord(const SramEntry& entry, std::int32_t line, c
   EXPECT_EQ(entry.header.category, TRACE_CATEGORY_LIBRARY);
 }
 
-Found StoreTest::findMatching(const std::vector<std::int16_t>& ids, std::uint32_t limit,
-                                         std::uint32_t countEntries, std::uint8_t severities,
-                                         const std::uint32_t* categoryMasks, Found preset) {
+void StoreTest::expectOneLibraryRecordSince(const TraceSetStruct& before, std::int32_t line,
+                                            const std::string& text) const {
+  const std::vector<SramEntry> records = errorEntriesSince(before);
+  ASSERT_EQ(records.size(), 1u);
+  expectLibraryRecord(records[0], line, text);
+}
+
+Found StoreTest::findMatching(const std::vector<std::int16_t>& ids, std::uint32_t limit, std::uint32_t countEntries,
+                              std::uint8_t severities, const std::uint32_t* categoryMasks, Found preset) {
   preset.starts.resize(ids.size(), 0xEEEE);
   preset.counts.resize(ids.size(), 0xEEEE);
   findMatchingTraceEntries(static_cast<std::uint8_t>(ids.size()), ids.data(), preset.starts.data(),

@@ -66,6 +66,11 @@ class StoreTest : public NodeTest {
   // One record of the library: severity 0x80, category 0x80000001,
   // "traceLibLocal.c" and the line; its text compared in full.
   static void expectLibraryRecord(const SramEntry& entry, std::int32_t line, const std::string& text);
+  // Exactly one entry was added to the error trace set since `before`: that
+  // record of the library.
+  void expectOneLibraryRecordSince(const TraceSetStruct& before, std::int32_t line, const std::string& text) const;
+  // What the error trace set keeps of a recorded text: 127 characters.
+  static std::string recorded(const std::string& text) { return text.substr(0, 127); }
 
   // findMatchingTraceEntries over ids, counting entries (countEntries 1) or
   // bytes (0) up to limit. Starts and counts not given in `preset` are preset
