@@ -121,6 +121,25 @@ class DecodeStoreTest : public nt::test::StoreTest {
     fillSramSet(1, 3, 3, 3, 9000);
   }
 
+  // Every decoded entry of the user sets against the slot it came from,
+  // found by its sequence number; returns how many were compared.
+  std::size_t compareWithStore(const DecodedFile& file) const {
+    std::size_t compared = 0;
+    for (std::int16_t id : {radio_, frames_, small_}) {
+      const TraceSetStruct d = descriptor(id);
+      for (unsigned index = 0; index < d.curentNumberEntries; ++index) {
+        const nt::test::Slot slot = StoreTest::slot(id, index);
+        for (const EntryRecord& entry : file.entries) {
+          if (entry.sequenceNumber != slot.header.sequenceNumber) continue;
+          EXPECT_EQ(file.sets[entry.set].id, id);
+          expectFromSlot(entry, slot);
+          ++compared;
+        }
+      }
+    }
+    return compared;
+  }
+
   std::int16_t radio_ = -1;
   std::int16_t frames_ = -1;
   std::int16_t small_ = -1;
@@ -139,19 +158,7 @@ TEST_F(DecodeStoreTest, TheTraceDumpDecodesAsTheStoreHoldsIt) {
   EXPECT_EQ(file.sets[4].nameText(), "System");
   EXPECT_EQ(file.sets[4].id, 255);
 
-  std::size_t compared = 0;
-  for (std::int16_t id : {radio_, frames_, small_}) {
-    const TraceSetStruct d = descriptor(id);
-    for (unsigned index = 0; index < d.curentNumberEntries; ++index) {
-      const nt::test::Slot slot = StoreTest::slot(id, index);
-      for (const EntryRecord& entry : file.entries) {
-        if (entry.sequenceNumber != slot.header.sequenceNumber) continue;
-        EXPECT_EQ(file.sets[entry.set].id, id);
-        expectFromSlot(entry, slot);
-        ++compared;
-      }
-    }
-  }
+  const std::size_t compared = compareWithStore(file);
   EXPECT_EQ(compared, 4u + 3u + 3u);
   // Two entries went to "System" and three were planted in "NVJ_System".
   EXPECT_EQ(file.entries.size(), compared + 2u + 3u + errorSet().curentNumberEntries - 2u);
@@ -170,18 +177,7 @@ TEST_F(DecodeStoreTest, TheDumpBeforeResetDecodesAsTheStoreHoldsIt) {
   EXPECT_EQ(file.timeOrder, TimeOrder::kLittle);
   ASSERT_EQ(file.sets.size(), 3u);
 
-  std::size_t compared = 0;
-  for (std::int16_t id : {radio_, frames_, small_}) {
-    const TraceSetStruct d = descriptor(id);
-    for (unsigned index = 0; index < d.curentNumberEntries; ++index) {
-      const nt::test::Slot slot = StoreTest::slot(id, index);
-      for (const EntryRecord& entry : file.entries) {
-        if (entry.sequenceNumber != slot.header.sequenceNumber) continue;
-        expectFromSlot(entry, slot);
-        ++compared;
-      }
-    }
-  }
+  const std::size_t compared = compareWithStore(file);
   // Entries of an unknown severity are not selected.
   EXPECT_EQ(compared, 3u + 3u + 3u);
   EXPECT_EQ(file.entries.size(), compared);
