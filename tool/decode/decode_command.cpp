@@ -28,9 +28,10 @@ void addDecodeCommand(CLI::App& app) {
   command->add_option("FILE", line->files, "Dump files to decode")->required();
   command
       ->add_option("--format", line->format,
-                   "Output: text (lines like show), jsonl (one JSON object per entry), csv, or chrome "
-                   "(Trace Event JSON for the Perfetto UI and chrome://tracing)")
-      ->check(CLI::IsMember({"text", "jsonl", "csv", "chrome"}))
+                   "Output: text (lines like show), jsonl (one JSON object per entry), csv, chrome "
+                   "(Trace Event JSON for the Perfetto UI and chrome://tracing), or ctf (a CTF 1.8 trace "
+                   "directory, given with --output, for babeltrace2 and other CTF readers)")
+      ->check(CLI::IsMember({"text", "jsonl", "csv", "chrome", "ctf"}))
       ->capture_default_str();
   command
       ->add_option("--time-order", line->timeOrder,
@@ -38,7 +39,8 @@ void addDecodeCommand(CLI::App& app) {
                    "or auto (detected per file)")
       ->check(CLI::IsMember({"auto", "network", "little"}))
       ->capture_default_str();
-  command->add_option("--output", line->output, "Write to FILE instead of standard output (- is standard output)");
+  command->add_option("--output", line->output, "Write to FILE instead of standard output (- is standard output); with --format ctf, the "
+                     "directory of the trace (created if missing)");
   command
       ->add_option("--line-format", line->lineFormat,
                    "Layout of a text line, with the directives of the entry formatter (%C %I %P %p %S %T %c %i "

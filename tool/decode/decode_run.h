@@ -16,7 +16,7 @@ struct DecodeOptions {
   std::vector<std::string> files;
   OutputFormat format = OutputFormat::kText;
   TimeOrder timeOrder = TimeOrder::kAuto;
-  std::string output;  // empty or "-": standard output
+  std::string output;  // empty or "-": standard output; for ctf, the trace directory
   std::string lineFormat = kDefaultShowFormat;
 };
 

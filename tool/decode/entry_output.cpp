@@ -187,6 +187,7 @@ std::optional<OutputFormat> parseOutputFormat(std::string_view name) noexcept {
   if (name == "jsonl") return OutputFormat::kJsonl;
   if (name == "csv") return OutputFormat::kCsv;
   if (name == "chrome") return OutputFormat::kChrome;
+  if (name == "ctf") return OutputFormat::kCtf;
   return std::nullopt;
 }
 
@@ -227,6 +228,7 @@ void writeEntries(std::ostream& out, const std::vector<DecodedFile>& files, cons
     case OutputFormat::kJsonl: writeJsonLines(out, files, stream); break;
     case OutputFormat::kCsv: writeCsv(out, files, stream); break;
     case OutputFormat::kChrome: writeChrome(out, files, stream); break;
+    case OutputFormat::kCtf: break;  // a directory: writeCtfTrace
   }
 }
 

@@ -12,7 +12,8 @@
 
 namespace nodetrace_tool::decode {
 
-enum class OutputFormat { kText, kJsonl, kCsv, kChrome };
+// kCtf is a directory, not a stream: see ctf_output.h.
+enum class OutputFormat { kText, kJsonl, kCsv, kChrome, kCtf };
 
 std::optional<OutputFormat> parseOutputFormat(std::string_view name) noexcept;  // "text", "jsonl", ...
 std::optional<TimeOrder> parseTimeOrder(std::string_view name) noexcept;        // "auto", "network", "little"
