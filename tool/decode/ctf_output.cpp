@@ -57,10 +57,12 @@ std::string utf8(const std::string& text) {
 }
 
 // A name inside a string literal of the metadata: printable ASCII without
-// quotes and backslashes, so that no reader has to agree on escapes.
-std::string literalText(const std::string& text) {
+// quotes and backslashes, so that no reader has to agree on escapes. Every
+// other character of the UTF-8 text becomes one "_".
+std::string literalText(const std::string& utf8Text) {
   std::string out;
-  for (const unsigned char c : text) {
+  for (const unsigned char c : utf8Text) {
+    if (c >= 0x80 && c < 0xC0) continue;  // the rest of a character already replaced
     out.push_back(c >= 0x20 && c < 0x7F && c != '"' && c != '\\' ? static_cast<char>(c) : '_');
   }
   return out;
@@ -97,7 +99,7 @@ class EventClasses {
         added.level = severityLevel(entry.severity);
         char severity[8];
         std::snprintf(severity, sizeof severity, "0x%02X", static_cast<unsigned>(entry.severity));
-        std::string name = literalText(set.nameText()) + ":" + (added.level ? added.level->name : severity);
+        std::string name = literalText(utf8(set.nameText())) + ":" + (added.level ? added.level->name : severity);
         // Names that came out alike (a set of each type, or names that
         // differ only in bytes the literal cannot hold) get a number.
         const int seen = usedNames[name]++;
@@ -344,9 +346,9 @@ std::optional<std::string> writeCtfTrace(const std::string& directory, const std
   namespace fs = std::filesystem;
   const fs::path root(directory);
   std::error_code error;
+  if (fs::exists(root, error) && !fs::is_directory(root, error)) return "cannot write a trace there: not a directory";
   fs::create_directories(root, error);
   if (error) return "cannot create the directory: " + errorText(error);
-  if (!fs::is_directory(root, error)) return "cannot write a trace there: not a directory";
 
   // A reader takes every file of the directory for a part of the trace:
   // only an earlier trace of this writer may be replaced.
