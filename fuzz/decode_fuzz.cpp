@@ -1,7 +1,8 @@
 // Fuzz target for the dump file decoder: the input is a dump file. It is
 // decoded in each time stamp order and every decoded entry goes through
 // every output format, the text lines with a layout that uses every
-// directive. Beyond "no crash": every decoded entry lies whole inside the
+// directive, and the CTF trace is laid out (metadata and data stream).
+// Beyond "no crash": every decoded entry lies whole inside the
 // input, an error names an offset inside it, and a file decoded without
 // error accounts for every byte.
 
@@ -11,6 +12,7 @@
 #include <streambuf>
 
 #include "fuzz/fuzz_target.h"
+#include "tool/decode/ctf_output.h"
 #include "tool/decode/dump_reader.h"
 #include "tool/decode/entry_output.h"
 
@@ -65,6 +67,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                            "%C %I %P %p %S %T %c %i %l %n %t %dt %dut %udt %ut %dz %uz %du %x %\n");
       check(static_cast<bool>(out));
     }
+    // Every event of the stream needs at least its class id, time stamp
+    // and the fixed payload fields.
+    const std::string metadata = decode::ctfMetadata(files);
+    check(metadata.rfind("/* CTF 1.8 */", 0) == 0);
+    const std::vector<std::uint8_t> stream = decode::ctfStream(files, 0);
+    check(stream.size() >= 16 + 40 + 2 + 50 * file.entries.size());
   }
   return 0;
 }
