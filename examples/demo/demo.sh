@@ -8,7 +8,9 @@
 #   3. nodetrace dump writes the whole store into a dump file, and
 #      nodetrace decode reads it back (anywhere, no node needed);
 #   4. nodetrace decode --format chrome turns that file into Trace Event JSON,
-#      which the Perfetto UI (https://ui.perfetto.dev) and chrome://tracing open.
+#      which the Perfetto UI (https://ui.perfetto.dev) and chrome://tracing open;
+#   5. nodetrace decode --format ctf turns it into a CTF trace directory, and
+#      babeltrace2 (when installed) prints its first events.
 # Usage: examples/demo/demo.sh BUILD_DIR
 set -eu
 build=${1:?usage: demo.sh BUILD_DIR}
@@ -28,3 +30,11 @@ run "$tool" decode "$build/traces.bin"
 run "$tool" decode --format chrome --output "$build/traces.json" "$build/traces.bin"
 printf '\n%s: open it in the Perfetto UI (https://ui.perfetto.dev) or chrome://tracing\n' \
   "$build/traces.json"
+run "$tool" decode --format ctf --output "$build/traces-ctf" "$build/traces.bin"
+if command -v babeltrace2 >/dev/null 2>&1; then
+  printf '\n$ babeltrace2 --clock-gmt %s | head -n 10\n' "$build/traces-ctf"
+  babeltrace2 --clock-gmt "$build/traces-ctf" | head -n 10
+else
+  printf '\n%s: read it with babeltrace2 (Debian package babeltrace2) or a CTF viewer\n' \
+    "$build/traces-ctf"
+fi
