@@ -104,6 +104,20 @@ TEST_F(DecodeCommand, WritesIntoAFile) {
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3);
 }
 
+TEST_F(DecodeCommand, WritesACtfTraceDirectory) {
+  const Outcome result = run({"decode", file("a.bin"), file("b.bin"), "--format", "ctf", "--output", file("trace")});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "");
+  for (const char* name : {"metadata", "stream_0", "stream_1"}) {
+    EXPECT_TRUE(std::filesystem::is_regular_file(file("trace/") + name)) << name;
+  }
+  const Outcome toStandardOutput = run({"decode", file("a.bin"), "--format", "ctf"});
+  EXPECT_EQ(toStandardOutput.status, 1);
+  EXPECT_EQ(toStandardOutput.out, "");
+  EXPECT_EQ(toStandardOutput.err, "nodetrace decode: the ctf format writes a directory: name it with --output DIR\n");
+}
+
 TEST_F(DecodeCommand, ABrokenFileStillGivesWhatCanBeRead) {
   Bytes cut = readBytes(file("a.bin"));
   cut.resize(cut.size() - 100);
@@ -141,7 +155,7 @@ TEST_F(DecodeCommand, BadArguments) {
 TEST_F(DecodeCommand, Help) {
   const Outcome result = run({"decode", "--help"});
   EXPECT_EQ(result.status, 0);
-  for (const char* word : {"FILE", "--format", "--time-order", "--output", "--line-format", "chrome", "jsonl"}) {
+  for (const char* word : {"FILE", "--format", "--time-order", "--output", "--line-format", "chrome", "jsonl", "ctf"}) {
     EXPECT_NE(result.out.find(word), std::string::npos) << word << "\n" << result.out;
   }
 }
