@@ -212,8 +212,8 @@ bool addConversion(Case& c, Reader& in) {
       addArgument(c, Kind::kString, in);
       break;
     case 8: case 9:
-      c.format.push_back(choice & 0x40 ? 'C' : 'c');
-      if (choice & 0x20) c.format.insert(c.format.size() - 1, "l");
+      if ((choice & 0x20) != 0) c.format.push_back('l');
+      c.format.push_back((choice & 0x40) != 0 ? 'C' : 'c');
       addArgument(c, Kind::kInt, in);
       break;
     case 10: case 11:
