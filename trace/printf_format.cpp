@@ -59,7 +59,7 @@ struct Spec {
 };
 
 // Where the characters go: dst has room for `room` characters; the ones
-// beyond are only counted.
+// beyond are only counted. Empty pieces cost no call.
 struct Output {
   char* dst;
   std::size_t room;
@@ -70,14 +70,24 @@ struct Output {
     ++length;
   }
   void append(const char* text, std::size_t n) noexcept {
-    if (length < room) std::memcpy(dst + length, text, n < room - length ? n : room - length);
+    if (n != 0 && length < room) std::memcpy(dst + length, text, n < room - length ? n : room - length);
     length += n;
   }
   void fill(char c, std::size_t n) noexcept {
-    if (length < room) std::memset(dst + length, c, n < room - length ? n : room - length);
+    if (n != 0 && length < room) std::memset(dst + length, c, n < room - length ? n : room - length);
     length += n;
   }
 };
+
+// The characters that end a piece of literal text.
+constexpr auto kLiteralEnds = [] {
+  struct Table {
+    bool ends[256] = {};
+  } table;
+  table.ends[static_cast<unsigned char>('%')] = true;
+  table.ends[0] = true;
+  return table;
+}();
 
 constexpr char kLowerDigits[] = "0123456789abcdef";
 constexpr char kUpperDigits[] = "0123456789ABCDEF";
@@ -146,6 +156,27 @@ void putNumber(Output& out, const Spec& spec, std::uint64_t magnitude, char sign
   if (spec.left) out.fill(' ', padding);
 }
 
+// %d without flags, width or precision.
+void putPlainDecimal(Output& out, int value) noexcept {
+  char buffer[12];
+  char* const end = buffer + sizeof buffer;
+  char* first = end;
+  unsigned magnitude = value < 0 ? 0u - static_cast<unsigned>(value) : static_cast<unsigned>(value);
+  do {
+    *--first = static_cast<char>('0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude != 0);
+  if (value < 0) *--first = '-';
+  char* const dst = out.dst;
+  const std::size_t room = out.room;
+  std::size_t length = out.length;
+  do {
+    if (length < room) dst[length] = *first;
+    ++length;
+  } while (++first != end);
+  out.length = length;
+}
+
 void putText(Output& out, const Spec& spec, const char* text, std::size_t n) noexcept {
   const std::size_t padding = spec.width > n ? spec.width - n : 0;
   if (!spec.left) out.fill(' ', padding);
@@ -175,12 +206,52 @@ using UnsignedPtrDiff = std::make_unsigned_t<std::ptrdiff_t>;
 bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
   const char* p = format;
   for (;;) {
-    const char* literal = p;
-    while (*p != '%' && *p != '\0') ++p;
-    if (p != literal) out.append(literal, static_cast<std::size_t>(p - literal));
-    if (*p == '\0') break;
+    // Literal text is copied as it is scanned. The hot loops keep the
+    // output position in locals: a store of a character may alias any
+    // memory, out's fields included, and would make the compiler reload them.
+    char c;
+    {
+      char* const dst = out.dst;
+      const std::size_t room = out.room;
+      std::size_t length = out.length;
+      while (!kLiteralEnds.ends[static_cast<unsigned char>(c = *p)]) {
+        if (length < room) dst[length] = c;
+        ++length;
+        ++p;
+      }
+      out.length = length;
+    }
+    if (c == '\0') break;
     ++p;  // the '%'
-    if (*p == '%') {
+
+    // The plainest conversions, by far the most frequent, take a short way.
+    c = *p;
+    if (c == 'd' || c == 'i') {
+      ++p;
+      putPlainDecimal(out, va_arg(*ap, int));
+      continue;
+    }
+    if (c == 's') {
+      ++p;
+      const char* text = va_arg(*ap, const char*);
+      if (text == nullptr) text = "(null)";
+      char* const dst = out.dst;
+      const std::size_t room = out.room;
+      std::size_t length = out.length;
+      // Copied while it fits, only measured after that.
+      while ((c = *text) != '\0') {
+        if (length >= room) {
+          length += std::strlen(text);
+          break;
+        }
+        dst[length++] = c;
+        ++text;
+      }
+      out.length = length;
+      if (length > INT_MAX) return false;
+      continue;
+    }
+    if (c == '%') {
       out.put('%');
       ++p;
       continue;
@@ -332,8 +403,8 @@ bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
       }
       case 'c': {
         if (spec.length != Length::kInt) return false;  // %lc
-        const char c = static_cast<char>(static_cast<unsigned char>(va_arg(*ap, int)));
-        putText(out, spec, &c, 1);
+        const char character = static_cast<char>(static_cast<unsigned char>(va_arg(*ap, int)));
+        putText(out, spec, &character, 1);
         break;
       }
       case 'p': {
