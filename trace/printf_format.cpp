@@ -44,6 +44,8 @@ constexpr unsigned kLargestField = 4095;
 constexpr std::size_t kStageSize = 128;
 
 constexpr int kNoPrecision = -1;
+// A block copied at once into the stack buffer.
+constexpr std::size_t kBlock = 16;
 
 enum class Length : unsigned char { kInt, kChar, kShort, kLong, kLongLong, kIntMax, kSize, kPtrDiff };
 
@@ -63,6 +65,9 @@ struct Spec {
 struct Output {
   char* dst;
   std::size_t room;
+  // Bytes of dst that may be written past the text as scratch space (only
+  // in the stack buffer, whose bytes past the text are never copied out).
+  std::size_t scratch = 0;
   std::size_t length = 0;
 
   void put(char c) noexcept {
@@ -91,6 +96,10 @@ constexpr auto kLiteralEnds = [] {
 
 constexpr char kLowerDigits[] = "0123456789abcdef";
 constexpr char kUpperDigits[] = "0123456789ABCDEF";
+constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
 
 // The digits of value in base 8, 10 or 16, written backwards so that they
 // end just before end; returns their first character. Values that fit in 32
@@ -158,18 +167,34 @@ void putNumber(Output& out, const Spec& spec, std::uint64_t magnitude, char sign
 
 // %d without flags, width or precision.
 void putPlainDecimal(Output& out, int value) noexcept {
-  char buffer[12];
-  char* const end = buffer + sizeof buffer;
+  // The digits end at buffer + 12; the 16 bytes from the first of them are
+  // always inside the buffer, so that they can be copied as one block.
+  char buffer[28];
+  char* const end = buffer + 12;
   char* first = end;
   unsigned magnitude = value < 0 ? 0u - static_cast<unsigned>(value) : static_cast<unsigned>(value);
-  do {
-    *--first = static_cast<char>('0' + magnitude % 10);
-    magnitude /= 10;
-  } while (magnitude != 0);
+  // Two digits per division.
+  while (magnitude >= 100) {
+    const unsigned pair = magnitude % 100 * 2;
+    magnitude /= 100;
+    *--first = kDigitPairs[pair + 1];
+    *--first = kDigitPairs[pair];
+  }
+  if (magnitude >= 10) {
+    *--first = kDigitPairs[magnitude * 2 + 1];
+    *--first = kDigitPairs[magnitude * 2];
+  } else {
+    *--first = static_cast<char>('0' + magnitude);
+  }
   if (value < 0) *--first = '-';
   char* const dst = out.dst;
   const std::size_t room = out.room;
   std::size_t length = out.length;
+  if (length + kBlock <= out.scratch) {
+    std::memcpy(dst + length, first, kBlock);
+    out.length = length + static_cast<std::size_t>(end - first);
+    return;
+  }
   do {
     if (length < room) dst[length] = *first;
     ++length;
@@ -436,7 +461,7 @@ int formatText(char* dst, std::size_t size, const char* format, va_list args) no
   std::size_t length;
   if (size <= kStageSize) {
     char stage[kStageSize];
-    Output out{stage, size != 0 ? size - 1 : 0};
+    Output out{stage, size != 0 ? size - 1 : 0, sizeof stage};
     va_copy(ap, args);
     done = formatAll(out, format, &ap);
     va_end(ap);
