@@ -33,6 +33,9 @@
 #include "fuzz/fuzz_target.h"
 #include "trace/printf_format.h"
 
+// The formats are built at run time, which is the point.
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
 namespace {
 
 constexpr std::size_t kMaxArguments = 4;
