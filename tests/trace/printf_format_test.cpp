@@ -294,7 +294,10 @@ TEST(PrintfFormat, SmallAndEmptyBuffers) {
   EXPECT_EQ(out.buffer[1], static_cast<char>(kPattern));
   out = expectSame(8, "value %d of %s", 42, "sensor");
   EXPECT_EQ(out.text(8), "value 4");
-  for (std::size_t size = 0; size <= 20; ++size) expectSame(size, "%-6s|%+5d|%#x", "ab", 3, 255u);
+  for (std::size_t size = 0; size <= 20; ++size) {
+    expectSame(size, "%-6s|%+5d|%#x", "ab", 3, 255u);
+    expectSame(size, "ab%dcd%s%i", -123456, "xyz", INT_MIN);
+  }
 }
 
 // Buffers above 128 bytes are formatted in two passes.
