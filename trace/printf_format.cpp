@@ -8,6 +8,8 @@
 // its terminator), the pass writes into a stack buffer when the caller's
 // buffer is small (entry texts are 128 bytes) and copies it over at the end;
 // for a larger buffer a first pass only counts, and the second one writes.
+// Literal text and the plain %d, %i and %s, which make up most entry
+// formats, take a short way around the parsing of flags and fields.
 //
 // The output rules follow the C library's vsnprintf to the byte, including
 // its choices where the C standard leaves room:

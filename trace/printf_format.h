@@ -12,7 +12,8 @@
 // I flags, wide characters, q, L, Z, an unknown or incomplete conversion, or
 // a width or precision above 4095) is handed to vsnprintf whole, with the
 // arguments as the caller passed them and errno untouched, so %m still names
-// the caller's errno.
+// the caller's errno. As for vsnprintf, format must not be null, and dst may
+// be null only when size is 0.
 #pragma once
 
 #include <cstdarg>
