@@ -338,12 +338,15 @@ void callWith(const Case& c, std::size_t index, Passed... passed) {
 
 }  // namespace
 
-// AddressSanitizer reads the formats handed to vsnprintf to check their
-// arguments, and stops at some it does not know (flags with no conversion
-// after them), which vsnprintf itself takes. The formats here are valid
-// with their arguments by construction; the reading is turned off.
+// The address and thread sanitizers read the formats handed to vsnprintf
+// to check their arguments, and stop at some they do not know (flags with
+// no conversion after them), which vsnprintf itself takes. The formats here
+// are valid with their arguments by construction; the reading is turned
+// off.
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() { return "check_printf=0"; }
+extern "C" const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() { return "check_printf=0"; }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Reader in(data, size);
