@@ -34,6 +34,7 @@
 #include "trace/entry_stamp.h"
 #include "trace/errno_guard.h"
 #include "trace/error_trace.h"
+#include "trace/printf_format.h"
 #include "trace/shared_access.h"
 #include "trace/slot_access.h"
 #include "trace/slot_store.h"
@@ -271,7 +272,7 @@ NODETRACE_API int tracePrintf(uint16_t traceSetId, uint32_t severity, uint32_t c
     // "%m" in the format prints the caller's errno, not one left behind by
     // the start-up above.
     errno = callerErrno;
-    std::vsnprintf(text, sizeof text, format, args);
+    nt::formatText(text, sizeof text, format, args);
     va_end(args);
   }
   return nt::addEntry(traceSetId, TS_STRING, severity, category, file, line, 0, text,
