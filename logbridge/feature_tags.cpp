@@ -78,6 +78,36 @@ void registerDomain(const char* traceSetName) noexcept {
   }
 }
 
+// The row of each set's name, kept by set id: 0 for none, else row + 1.
+// Ids 0 to 255 cover every user set and the two persistent sets; other ids
+// are looked up every time. One byte per id, read and written with single
+// relaxed atomic accesses: a stale or concurrently replaced row is harmless,
+// because every use checks the row's name against the set's name before
+// trusting it. Nothing here is locked, so a fork() at any moment leaves the
+// child a usable cache.
+constexpr std::size_t kCachedIds = 256;
+std::atomic<std::uint8_t> g_rowOfSet[kCachedIds];
+static_assert(std::atomic<std::uint8_t>::is_always_lock_free);
+
+// Row names differ without regard to case (the table's tests check it), so
+// the row whose name equals a set's name is also the first such row, the one
+// the full lookup finds.
+
+// The row of name, or -1 (with the diagnostic line) when no row holds it.
+int findRow(const char* name) noexcept {
+  if (name != nullptr) {
+    for (std::size_t row = 0; row < HBK_SYSLOG_MAP_ROWS; ++row) {
+      if (strcasecmp(name, hbk_syslog_map[row].name) == 0) return static_cast<int>(row);
+    }
+  }
+  proc_printf_func("getHBKFeatureTag", 168, "***Error - Feature tag NOT FOUND***");
+  return -1;
+}
+
+int routeEntry(std::uint32_t tag, const char* traceSetName, std::uint32_t traceSetType, std::uint32_t severity,
+               const char* fileName, std::int32_t line, std::uint16_t contentsLength,
+               const void* contents) noexcept;
+
 // Contents as text for a "%s" line. The contents of a text set are the
 // writer's zero-terminated text, printed whole: its length is not always
 // known here (an error-class entry arrives with the caller's length, which
@@ -134,35 +164,77 @@ void forgetHBKDomainRegistration() noexcept { g_hbkDomainRegistered.store(0, std
 }  // namespace nt
 
 extern "C" NODETRACE_API uint32_t getHBKFeatureTag(const char* name) {
-  if (name != nullptr) {
-    for (const hbk_syslog_map_entry& row : hbk_syslog_map) {
-      if (strcasecmp(name, row.name) == 0) return row.tag;
-    }
-  }
-  proc_printf_func("getHBKFeatureTag", 168, "***Error - Feature tag NOT FOUND***");
-  return nt::kUnknownHbkTag;
+  const int row = nt::findRow(name);
+  return row >= 0 ? hbk_syslog_map[row].tag : nt::kUnknownHbkTag;
 }
 
 extern "C" NODETRACE_API uint32_t getDefaultHBKtag(void) { return nt::kSystemHbkTag; }
+
+namespace nt {
+
+std::uint32_t featureTagOfSet(std::uint16_t traceSetId, const char* name) noexcept {
+  if (name == nullptr) return getHBKFeatureTag(name);
+  const bool cachable = traceSetId < kCachedIds;
+  if (cachable) {
+    const unsigned kept = g_rowOfSet[traceSetId].load(std::memory_order_relaxed);
+    if (kept != 0 && strcasecmp(name, hbk_syslog_map[kept - 1].name) == 0) return hbk_syslog_map[kept - 1].tag;
+  }
+  const int row = findRow(name);
+  if (row < 0) return kUnknownHbkTag;
+  if (cachable) g_rowOfSet[traceSetId].store(static_cast<std::uint8_t>(row + 1), std::memory_order_relaxed);
+  return hbk_syslog_map[row].tag;
+}
+
+int cachedFeatureTagRow(std::uint16_t traceSetId) noexcept {
+  if (traceSetId >= kCachedIds) return -1;
+  return static_cast<int>(g_rowOfSet[traceSetId].load(std::memory_order_relaxed)) - 1;
+}
+
+void forgetFeatureTagCache() noexcept {
+  for (std::atomic<std::uint8_t>& row : g_rowOfSet) row.store(0, std::memory_order_relaxed);
+}
+
+namespace {
+
+// Registers the domain if needed and routes the entry, once its set's tag
+// is known.
+int routeEntry(std::uint32_t tag, const char* traceSetName, std::uint32_t traceSetType, std::uint32_t severity,
+               const char* fileName, std::int32_t line, std::uint16_t contentsLength,
+               const void* contents) noexcept {
+  const char* setName = traceSetName != nullptr ? traceSetName : "";
+  const char* file = fileName != nullptr ? fileName : "";
+  if (g_hbkDomainRegistered.load(std::memory_order_relaxed) == 0) registerDomain(setName);
+
+  if (severity == TRACE_SEVERITY_ERR) {
+    const EntryText text(contents, contentsLength, traceSetType == TS_STRING);
+    return ZqSysLogPrintE(4, kSystemHbkTag, "%s:%d [%s]", file, line, text.get());
+  }
+  const std::uint32_t level = severityToLogLevel(severity);
+  if (traceSetType != TS_STRING) {
+    return ZqSysLogPrintHD(level, contents, contents != nullptr ? contentsLength : 0, "QMB %s DUMP", setName);
+  }
+  const EntryText text(contents, contentsLength, true);
+  return ZqSysLogPrintE(level, tag, "%s:%d [%s]", file, line, text.get());
+}
+
+}  // namespace
+
+int forwardEntry(std::uint16_t traceSetId, const char* traceSetName, std::uint32_t traceSetType,
+                 std::uint32_t severity, const char* fileName, std::int32_t line, std::uint16_t contentsLength,
+                 const void* contents) noexcept {
+  const ErrnoGuard errnoGuard;
+  const std::uint32_t tag = featureTagOfSet(traceSetId, traceSetName);
+  return routeEntry(tag, traceSetName, traceSetType, severity, fileName, line, contentsLength, contents);
+}
+
+}  // namespace nt
 
 extern "C" NODETRACE_API int updateSyslogPrint(const char* traceSetName, uint32_t traceSetType,
                                                uint32_t severity, uint32_t /*category*/,
                                                const char* fileName, int32_t line,
                                                uint16_t contentsLength, const void* contents) {
-  nt::ErrnoGuard errnoGuard;
-  const char* setName = traceSetName != nullptr ? traceSetName : "";
-  const char* file = fileName != nullptr ? fileName : "";
+  const nt::ErrnoGuard errnoGuard;
+  // No set id comes with this call, so the name is looked up every time.
   const uint32_t tag = getHBKFeatureTag(traceSetName);
-  if (nt::g_hbkDomainRegistered.load(std::memory_order_relaxed) == 0) nt::registerDomain(setName);
-
-  if (severity == TRACE_SEVERITY_ERR) {
-    const nt::EntryText text(contents, contentsLength, traceSetType == TS_STRING);
-    return ZqSysLogPrintE(4, nt::kSystemHbkTag, "%s:%d [%s]", file, line, text.get());
-  }
-  const uint32_t level = nt::severityToLogLevel(severity);
-  if (traceSetType != TS_STRING) {
-    return ZqSysLogPrintHD(level, contents, contents != nullptr ? contentsLength : 0, "QMB %s DUMP", setName);
-  }
-  const nt::EntryText text(contents, contentsLength, true);
-  return ZqSysLogPrintE(level, tag, "%s:%d [%s]", file, line, text.get());
+  return nt::routeEntry(tag, traceSetName, traceSetType, severity, fileName, line, contentsLength, contents);
 }

@@ -29,4 +29,23 @@ int hbkDomainRegistered() noexcept;
 // Test hook: the process has not registered the domain.
 void forgetHBKDomainRegistration() noexcept;
 
+// The feature tag of the trace set traceSetId called name. The row found for
+// a set is kept by id for the rest of the process and checked against name
+// at every use, so a set that now carries another name under that id (a
+// store created afresh) is looked up again. A name that no row holds is
+// never kept: it gives 0x1A001F and the "NOT FOUND" diagnostic line every
+// time, as getHBKFeatureTag does. Takes no lock and allocates nothing.
+std::uint32_t featureTagOfSet(std::uint16_t traceSetId, const char* name) noexcept;
+
+// updateSyslogPrint for an entry of the trace set traceSetId: the same
+// lines, with the set's tag from featureTagOfSet.
+int forwardEntry(std::uint16_t traceSetId, const char* traceSetName, std::uint32_t traceSetType,
+                 std::uint32_t severity, const char* fileName, std::int32_t line,
+                 std::uint16_t contentsLength, const void* contents) noexcept;
+
+// Test hooks: the row kept for traceSetId (-1 for none), and forgetting
+// every kept row.
+int cachedFeatureTagRow(std::uint16_t traceSetId) noexcept;
+void forgetFeatureTagCache() noexcept;
+
 }  // namespace nt

@@ -4,7 +4,8 @@
 // On the node they are exactly "/shmem_Trace", "traceMutex", "/var/log/sram",
 // the files under "/ffs/run/logs", "/tmp" and "/opt/qmb/etc". A build may
 // prepend a directory to the file paths (NODETRACE_PATH_PREFIX, for hosts
-// where /var/log cannot be written). Tests relocate all of them at run time:
+// where /var/log cannot be written) and then appends a suffix to the IPC
+// names too (NODETRACE_IPC_SUFFIX), so that the build has a node of its own. Tests relocate all of them at run time:
 // file paths under a private root, IPC names with a private suffix, so that
 // tests run in parallel and never touch the node's names. The relocation is
 // internal; it is not exported from the shared library.
@@ -14,6 +15,19 @@
 
 #ifndef NODETRACE_PATH_PREFIX
 #define NODETRACE_PATH_PREFIX ""
+#endif
+
+// Appended to the shared-memory object's and the semaphore's names by a
+// build of its own node (NODETRACE_IPC_SUFFIX, set with a path prefix), so
+// that it shares no trace store with the node's names or another build.
+#ifndef NODETRACE_IPC_SUFFIX
+#define NODETRACE_IPC_SUFFIX ""
+#endif
+
+// The owner ("user:group") the SRAM file is handed to after its creation; a
+// build setting (NODETRACE_SRAM_OWNER), empty on hosts: no chown is run.
+#ifndef NODETRACE_SRAM_OWNER
+#define NODETRACE_SRAM_OWNER "kvqsw:kvqsw"
 #endif
 
 namespace nt {

@@ -256,8 +256,11 @@ int createSramFile(int recreating) noexcept {
   }
   char command[256];
   // The command's result is not examined: the owner is a courtesy to the
-  // node's tools, the file works without it.
-  if (std::snprintf(command, sizeof command, "chown kvqsw:kvqsw %s ", path) > 0) {
+  // node's tools, the file works without it. The owner is a build setting
+  // (NODETRACE_SRAM_OWNER): kvqsw:kvqsw on the node, none on a host, where
+  // that user does not exist.
+  if (sizeof(NODETRACE_SRAM_OWNER) > 1 &&
+      std::snprintf(command, sizeof command, "chown " NODETRACE_SRAM_OWNER " %s ", path) > 0) {
     [[maybe_unused]] const int ignored = sys::system(command);
   }
 

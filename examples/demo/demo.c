@@ -15,9 +15,12 @@
  *
  * Build the library with -DNODETRACE_PATH_PREFIX=<dir> to keep the node's
  * files (/var/log/sram, /ffs/run/logs, ...) under <dir> on a host; the demo
- * creates the directories there. The IPC names are the node's own:
- * "/shmem_Trace" and "traceMutex". Run with --fresh to remove them first, as
- * a restart of the node would.
+ * creates the directories there. Such a build also has IPC names of its own,
+ * "/shmem_Trace" and "traceMutex" with a suffix made from <dir>, so the demo
+ * runs on a node of its own and leaves every other build's node alone. A
+ * build without a prefix uses the node's own names and paths; the demo says
+ * so before it starts. Run with --fresh to remove the demo build's trace
+ * store first, as a restart of the node would.
  */
 #include <errno.h>
 #include <semaphore.h>
@@ -36,6 +39,26 @@
 #ifndef NODETRACE_DEMO_ROOT
 #define NODETRACE_DEMO_ROOT ""
 #endif
+#ifndef NODETRACE_DEMO_IPC_SUFFIX
+#define NODETRACE_DEMO_IPC_SUFFIX ""
+#endif
+
+/* The IPC names of the library this demo was built with. */
+#define DEMO_SHM_NAME "/shmem_Trace" NODETRACE_DEMO_IPC_SUFFIX
+#define DEMO_SEMAPHORE_NAME "traceMutex" NODETRACE_DEMO_IPC_SUFFIX
+
+static void printUsage(FILE *out, const char *program) {
+  fprintf(out,
+          "usage: %s [--fresh]\n"
+          "Runs two application processes that trace at the same time and a third that\n"
+          "reads their entries back, on the node of this build:\n"
+          "  trace store   %s (semaphore %s)\n"
+          "  node files    under '%s/'\n"
+          "  --fresh       remove the trace store and the semaphore first, as a restart\n"
+          "                of the node would\n"
+          "  -h, --help    print this help and exit\n",
+          program, DEMO_SHM_NAME, DEMO_SEMAPHORE_NAME, NODETRACE_DEMO_ROOT);
+}
 
 /* mkdir -p */
 static int makeDirectories(const char *path) {
@@ -141,9 +164,9 @@ static void createSets(void) {
   int rc = initTraceSet("Radio", TS_STRING, 32, 128, 0x0000000F, &radio);
   g_radio = radio;
   printf("  initTraceSet(\"Radio\", text, 32 x 128 bytes, mask 0x0000000F): %d, id %d\n", rc, radio);
-  rc = initTraceSet("Frames", TS_DUMP, 8, 256, 0xFFFFFFFF, &frames);
+  rc = initTraceSet("Ethernet", TS_DUMP, 8, 256, 0xFFFFFFFF, &frames);
   g_frames = frames;
-  printf("  initTraceSet(\"Frames\", dump, 8 x 256 bytes, mask 0xFFFFFFFF): %d, id %d\n", rc, frames);
+  printf("  initTraceSet(\"Ethernet\", dump, 8 x 256 bytes, mask 0xFFFFFFFF): %d, id %d\n", rc, frames);
 
   /* Another process attaches to "Radio" and widens its category mask. */
   fflush(stdout);
@@ -157,7 +180,7 @@ static void createSets(void) {
   wait(NULL);
   printf("  category mask of \"Radio\" is now 0x%08X\n", (unsigned)getCategoryMask(radio));
   setCategoryMask(frames, 0x00000100);
-  printf("  setCategoryMask(\"Frames\", 0x00000100): mask now 0x%08X\n", (unsigned)getCategoryMask(frames));
+  printf("  setCategoryMask(\"Ethernet\", 0x00000100): mask now 0x%08X\n", (unsigned)getCategoryMask(frames));
   printf("  %d user trace sets, %u bytes of the entry area in use\n", getCurrentNumberTraceSets(),
          32u * getTraceEntrySize(128) + 8u * getTraceEntrySize(256));
 }
@@ -299,7 +322,7 @@ static void searchDumpAndClear(const char *root) {
   findMatchingTraceEntries(2, ids, start, counts, &total, TRACE_SEVERITY_ERR | TRACE_SEVERITY_WAR | TRACE_SEVERITY_INF, NULL, 5,
                            1);
   printf("  findMatchingTraceEntries, newest 5 ERR/WAR/INF entries of both sets: %u of \"Radio\" "
-         "from slot %u, %u of \"Frames\" from slot %u\n",
+         "from slot %u, %u of \"Ethernet\" from slot %u\n",
          (unsigned)counts[0], (unsigned)start[0], (unsigned)counts[1], (unsigned)start[1]);
 
   char path[512];
@@ -315,7 +338,7 @@ static void searchDumpAndClear(const char *root) {
   const TraceSetStruct *frames = getTraceSetStruct(g_frames);
   const unsigned before = frames != NULL ? (unsigned)frames->curentNumberEntries : 0u;
   rc = clearTraceSet(g_frames);
-  printf("  clearTraceSet(\"Frames\"): %d; its entries %u -> %u\n", (int)rc, before,
+  printf("  clearTraceSet(\"Ethernet\"): %d; its entries %u -> %u\n", (int)rc, before,
          frames != NULL ? (unsigned)frames->curentNumberEntries : 0u);
   static const unsigned char newFrame[12] = {0x7E, 0xFF, 0x03, 0x00, 0x21, 0x45, 0x00, 0x00, 0x1C, 0x4A, 0x7E, 0x0A};
   TRACE_DUMP(g_frames, TRACE_SEVERITY_INF, 0x100, newFrame, sizeof newFrame);
@@ -327,7 +350,26 @@ static void searchDumpAndClear(const char *root) {
 int main(int argc, char **argv) {
   const char *root = NODETRACE_DEMO_ROOT;
   const char *directories[] = {"/var/log", "/ffs/run/logs", "/tmp", "/opt/qmb/etc"};
-  printf("nodetrace demo: node files under '%s/'\n", root);
+  int fresh = 0;
+  for (int i = 1; i < argc; ++i) {
+    if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
+      printUsage(stdout, argv[0]);
+      return 0;
+    }
+    if (strcmp(argv[i], "--fresh") == 0) {
+      fresh = 1;
+      continue;
+    }
+    fprintf(stderr, "%s: unknown argument '%s'\n", argv[0], argv[i]);
+    printUsage(stderr, argv[0]);
+    return 2;
+  }
+  printf("nodetrace demo: node files under '%s/', trace store %s\n", root, DEMO_SHM_NAME);
+  if (root[0] == '\0') {
+    printf("this build uses the node's own names and paths: the demo writes into the trace\n"
+           "store %s and the node's files%s\n",
+           DEMO_SHM_NAME, fresh ? ", and --fresh removes the store with every set in it" : "");
+  }
   if (root[0] != '\0') {
     for (size_t i = 0; i < sizeof directories / sizeof directories[0]; ++i) {
       char path[512];
@@ -338,11 +380,11 @@ int main(int argc, char **argv) {
       }
     }
   }
-  if (argc > 1 && strcmp(argv[1], "--fresh") == 0) {
-    shm_unlink("/shmem_Trace");
-    sem_unlink("traceMutex");
+  if (fresh) {
+    shm_unlink(DEMO_SHM_NAME);
+    sem_unlink(DEMO_SEMAPHORE_NAME);
     flushHBKLogFile(0); /* the bridge's local log starts empty too */
-    printf("removed /shmem_Trace and traceMutex: the node starts afresh\n");
+    printf("removed %s and %s: the node starts afresh\n", DEMO_SHM_NAME, DEMO_SEMAPHORE_NAME);
   }
 
   /* Two processes start tracing at the same instant. */
@@ -365,14 +407,16 @@ int main(int argc, char **argv) {
   printf("\nthe node-wide severity filter:\n");
   changeSeverityFilter(root);
 
-  printf("\ntwo applications trace at the same time: \"Radio\" text, \"Frames\" dumps\n");
+  printf("\ntwo applications trace at the same time: \"Radio\" text, \"Ethernet\" dumps\n");
   writeAndRead();
 
   char logPath[512];
   snprintf(logPath, sizeof logPath, "%s", TMGR_HBK_LOG_FILE_NAME);
   printf("\nevery stored entry went on to the platform log service under its set's feature\n"
-         "tag (\"Radio\" 0x%06X, \"Frames\" unknown: 0x%06X); the bridge's own lines are in\n"
-         "%s:\n", (unsigned)getHBKFeatureTag("Radio"), (unsigned)hbk_syslog_map[HBK_SYSLOG_MAP_ROWS - 1].tag, logPath);
+         "tag (\"Radio\" 0x%06X, \"Ethernet\" 0x%06X; on a host only warnings and errors\n"
+         "reach syslog, NODEPLATFORM_SYSLOG=all forwards every entry); the bridge's own\n"
+         "lines are in %s:\n",
+         (unsigned)getHBKFeatureTag("Radio"), (unsigned)getHBKFeatureTag("Ethernet"), logPath);
   printLocalLog(logPath);
 
   printf("\nsearching the newest entries, dumping the store to files, clearing a set:\n");

@@ -1,6 +1,8 @@
 #!/bin/sh
 # The main job of the library end to end, on the simulated node of a demo
-# build (configured with NODETRACE_PATH_PREFIX=<build dir>/node):
+# build (configured with NODETRACE_PATH_PREFIX=<build dir>/node; such a build
+# has IPC names of its own too, so the demo and its tool leave every other
+# build's node alone):
 #   1. the demo program: two applications trace at the same time, a third
 #      process reads their entries back (and the demo shows the rest of the
 #      library along the way);

@@ -67,6 +67,11 @@ void NodeTest::TearDown() {
   pthread_sigmask(SIG_SETMASK, &savedMask_, nullptr);
 }
 
+std::string NodeTest::sramOwnerCommand(const std::string& sramPath) {
+  const std::string owner = NODETRACE_SRAM_OWNER;
+  return owner.empty() ? std::string() : "chown " + owner + " " + sramPath + "\n";
+}
+
 std::string NodeTest::toolLog() const {
   return fileExists(root_ + "/tools.log") ? readFileText(root_ + "/tools.log") : std::string();
 }

@@ -32,6 +32,10 @@ class NodeTest : public ::testing::Test {
   const std::string& semaphoreName() const { return semaphoreName_; }
   // What the shell tool stand-ins were asked to do, one line per call.
   std::string toolLog() const;
+  // The tool log line of the SRAM file's change of owner at sramPath:
+  // "chown <owner> <path>\n" in builds with an owner (NODETRACE_SRAM_OWNER,
+  // kvqsw:kvqsw on the node), empty in builds without one.
+  static std::string sramOwnerCommand(const std::string& sramPath);
 
   std::string root_;
   std::string shmName_;

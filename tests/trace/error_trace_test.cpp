@@ -707,7 +707,7 @@ TEST_F(ErrorTraceTest, DamagedDescriptorMakesAFreshFile) {
   struct stat status {};
   ASSERT_EQ(stat(sram().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0664u);
-  EXPECT_NE(toolLog().find("chown kvqsw:kvqsw " + sram()), std::string::npos);
+  EXPECT_NE(toolLog().find(sramOwnerCommand(sram())), std::string::npos);
   expectLockReleased();
 
   // The next call writes into slot 0 of the fresh file.

@@ -510,7 +510,7 @@ class StartupRecoveryTest : public NodeTest {
     EXPECT_EQ(u16At(object, 20), 0xFFFF);          // lastTraceSetId
     EXPECT_EQ(u32At(object, 24), 0u);              // nobody holds the lock
     EXPECT_EQ(reservedWord(object), 0u);
-    EXPECT_EQ(toolLog(), "chown kvqsw:kvqsw " + path("/var/log/sram") + "\n");
+    EXPECT_EQ(toolLog(), sramOwnerCommand(path("/var/log/sram")));
     EXPECT_EQ(readSramDescriptor(path("/var/log/sram"), 0).traceEntryContentsLength, 128);
   }
 

@@ -118,7 +118,7 @@ TEST_F(StartupFailureTest, SeekFailure) {
   EXPECT_EQ(capture.take(),
             "traceLibLocal.c (createSramFile,313): Error while seek (Input/output error)\n"
             "retVal == -1\n");
-  EXPECT_EQ(toolLog(), "chown kvqsw:kvqsw " + sram() + "\n");
+  EXPECT_EQ(toolLog(), sramOwnerCommand(sram()));
   EXPECT_EQ(readFileBytes(sram()).size(), 0u);  // nothing written
   EXPECT_EQ(sharedObjectSize(shmName()), -1);
   expectRefusalsWithoutTraceMemory();

@@ -130,7 +130,7 @@ TEST_F(StartupTest, CreatorWritesVersionAndBothSramDescriptors) {
   struct stat status {};
   ASSERT_EQ(stat(path("/var/log/sram").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0664u);
-  EXPECT_EQ(toolLog(), "chown kvqsw:kvqsw " + path("/var/log/sram") + "\n");
+  EXPECT_EQ(toolLog(), sramOwnerCommand(path("/var/log/sram")));
 }
 
 TEST_F(StartupTest, SramRewriteKeepsOldSlotsAndLength) {
@@ -242,7 +242,7 @@ TEST_F(StartupTest, TwoProcessesStartingAtOnceCreateExactlyOnce) {
   }
 
   // One SRAM file rewrite, by one of the two, and one initialised header.
-  EXPECT_EQ(toolLog(), "chown kvqsw:kvqsw " + path("/var/log/sram") + "\n");
+  EXPECT_EQ(toolLog(), sramOwnerCommand(path("/var/log/sram")));
   const Bytes file = readFileBytes(path("/var/log/sram"));
   const std::uint32_t creator = u32At(file, 4 + 32);
   EXPECT_TRUE(creator == static_cast<std::uint32_t>(children[0]) ||
@@ -259,7 +259,7 @@ TEST_F(StartupTest, ThreadsOfOneProcessStartItOnce) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) threads.emplace_back([] { getCurrentNumberTraceSets(); });
   for (auto& thread : threads) thread.join();
-  EXPECT_EQ(toolLog(), "chown kvqsw:kvqsw " + path("/var/log/sram") + "\n");
+  EXPECT_EQ(toolLog(), sramOwnerCommand(path("/var/log/sram")));
   EXPECT_NE(header(), nullptr);
 }
 
@@ -268,7 +268,7 @@ TEST_F(StartupTest, LaterCallsDoNotStartAgain) {
   const auto closes = platformCalls().size();
   for (int i = 0; i < 10; ++i) getTotalNumberTraceEntries();
   EXPECT_EQ(platformCalls().size(), closes);
-  EXPECT_EQ(toolLog(), "chown kvqsw:kvqsw " + path("/var/log/sram") + "\n");
+  EXPECT_EQ(toolLog(), sramOwnerCommand(path("/var/log/sram")));
 }
 
 TEST_F(StartupTest, StartUpLeavesTheSignalMaskAsItWas) {
