@@ -96,10 +96,15 @@ chroot "$root" useradd --create-home --shell /bin/bash "$user"
 echo "$user ALL=(ALL) NOPASSWD:ALL" > "$root/etc/sudoers.d/$user"
 chmod 0440 "$root/etc/sudoers.d/$user"
 mkdir "$root$home/nodetrace"
-# The files of the clone (tracked and new, not ignored), as they are now.
-(cd "$source_dir" && git ls-files -z --cached --others --exclude-standard |
-   while IFS= read -r -d '' f; do [[ -e $f || -L $f ]] && printf '%s\0' "$f"; done |
-   tar --null -T - -cf -) | tar -xf - -C "$root$home/nodetrace"
+# The files of the clone (tracked and new, not ignored), as they are now;
+# from an unpacked source archive, everything but build directories.
+if git -C "$source_dir" rev-parse --is-inside-work-tree > /dev/null 2>&1; then
+  (cd "$source_dir" && git ls-files -z --cached --others --exclude-standard |
+     while IFS= read -r -d '' f; do [[ -e $f || -L $f ]] && printf '%s\0' "$f"; done |
+     tar --null -T - -cf -) | tar -xf - -C "$root$home/nodetrace"
+else
+  tar -C "$source_dir" --exclude='./build*' -cf - . | tar -xf - -C "$root$home/nodetrace"
+fi
 chroot "$root" chown -R "$user:$user" "$home/nodetrace"
 
 # The steps, run inside the chroot. The commands reach it through files, so
