@@ -1,16 +1,22 @@
-# Warnings are errors everywhere in this project; sanitizer builds add their
+# Every target of the project gets the same warnings. They are errors only
+# with NODETRACE_WERROR=ON (CI builds that way), so that a newer compiler with
+# a new warning does not stop a user's build. Sanitizer builds add their
 # instrumentation to every target, tests included.
 add_library(nodetrace_warnings INTERFACE)
 target_compile_options(nodetrace_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wundef -Wcast-qual
-  -Wmissing-declarations -Werror
+  -Wmissing-declarations
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual>)
+if(NODETRACE_WERROR)
+  target_compile_options(nodetrace_warnings INTERFACE -Werror)
+endif()
 
 # GCC 12 at -O3 inlines the standard library's `"text" + std::string` into a
 # memcpy it then takes for an overlapping one and warns (-Wrestrict) on code
 # that has no overlap. The warning stays visible there but does not fail the
-# build; every other compiler and version keeps it an error.
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 12
+# build; every other compiler and version keeps it an error (with
+# NODETRACE_WERROR).
+if(NODETRACE_WERROR AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 12
    AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   target_compile_options(nodetrace_warnings INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wno-error=restrict>)
 endif()

@@ -1,4 +1,5 @@
-# GoogleTest for the test suite: provides GTest::gtest and GTest::gtest_main.
+# GoogleTest for the test suite: provides GTest::gtest and GTest::gtest_main,
+# or neither when GoogleTest is missing (the caller then skips the tests).
 #
 # Host builds use the packaged library (libgtest-dev). The packaged library
 # exists for the build machine only, so cross builds compile GoogleTest from
@@ -10,16 +11,17 @@ if(TARGET GTest::gtest AND TARGET GTest::gtest_main)
 endif()
 
 if(NOT CMAKE_CROSSCOMPILING)
-  find_package(GTest REQUIRED)
+  find_package(GTest QUIET)
   return()
 endif()
 
 set(NODETRACE_GTEST_SOURCE_DIR /usr/src/googletest CACHE PATH
     "GoogleTest sources, compiled for the target in cross builds")
 if(NOT EXISTS ${NODETRACE_GTEST_SOURCE_DIR}/CMakeLists.txt)
-  message(FATAL_ERROR
+  message(STATUS
     "Cross build: no GoogleTest sources in ${NODETRACE_GTEST_SOURCE_DIR} "
     "(install the googletest package or set NODETRACE_GTEST_SOURCE_DIR)")
+  return()
 endif()
 
 block()
