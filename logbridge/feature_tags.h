@@ -26,6 +26,16 @@ void setHBKTagDefaults(std::uint32_t domain, void* context) noexcept;
 // 1 once this process registered the log domain successfully.
 int hbkDomainRegistered() noexcept;
 
+// Routes one entry to the platform log service as updateSyslogPrint does,
+// by the set's name and type. contentsAreText tells whether the caller's
+// contents are zero-terminated text; bytes (false) printed as a text line
+// are printed within contentsLength, never past it. The library's writer
+// calls this directly rather than through the exported symbol. errno is the
+// caller's business.
+int forwardEntry(const char* traceSetName, std::uint32_t traceSetType, std::uint32_t severity,
+                 const char* fileName, std::int32_t line, std::uint16_t contentsLength, const void* contents,
+                 bool contentsAreText) noexcept;
+
 // Test hook: the process has not registered the domain.
 void forgetHBKDomainRegistration() noexcept;
 

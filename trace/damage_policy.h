@@ -68,8 +68,8 @@
 //                                maximum is cut (and announced) as always.
 //   getRecentEntry               a (lastTraceSetId, lastEntryIndex) that names
 //                                no set, or a slot beyond that user set's
-//                                ring: the answer of a node without entries,
-//                                -1 and 0 (the total as stored).
+//                                ring, is handed out as stored; the readers
+//                                that follow it refuse it.
 //   printTraceEntry              lengths held to the buffers as above; a null
 //                                entry prints nothing (like a null
 //                                descriptor), null contents print as empty.
