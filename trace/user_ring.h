@@ -125,7 +125,8 @@ struct Claim {
 };
 
 inline Claim claimSlot(TraceSetStruct* descriptor, const Ring& ring) noexcept {
-  auto* field = reinterpret_cast<std::uint64_t*>(&descriptor->writeIndex);
+  auto* field = reinterpret_cast<std::uint64_t*>(reinterpret_cast<std::uint8_t*>(descriptor) +
+                                                 offsetof(TraceSetStruct, writeIndex));
   // The table and the snapshot of a SRAM set are 8-byte aligned; a
   // descriptor that is not cannot be advanced as one word.
   if (reinterpret_cast<std::uintptr_t>(field) % 8 != 0) return {};

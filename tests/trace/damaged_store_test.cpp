@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "nodetrace/logbridge.h"
 #include "tests/support/recording_platform.h"
 #include "tests/trace/dump_decoder.h"
 #include "tests/trace/store_fixture.h"
@@ -634,16 +635,20 @@ TEST_F(DamagedStoreTest, SramSetsWithoutCapacityOrWithHugeCountsAreWalkedSafely)
 
 // ---- the type of a set ------------------------------------------------------------------
 
-TEST_F(DamagedStoreTest, BytesOfADumpAreNeverForwardedAsAText) {
+TEST_F(DamagedStoreTest, BytesOfADumpOfferedToATextSetAreForwardedWithinTheirLength) {
   // A text set: a warning dump skips the type check of the ring (it goes to
-  // the error trace set) and is forwarded within its length, as bytes.
+  // the error trace set) and is forwarded as the set's text line, its bytes
+  // printed within their length (the buffer holds exactly those bytes).
   const std::int16_t id = filledSet("Radio", 0);
   const auto bytes = std::make_unique<std::uint8_t[]>(5);  // no terminator
   std::memset(bytes.get(), 'A', 5);
   clearPlatformCalls();
   EXPECT_EQ(addTraceEntry(static_cast<std::uint16_t>(id), TS_DUMP, TRACE_SEVERITY_WAR, 1, "d.c", 1, 5, bytes.get()), 0);
-  EXPECT_EQ(platformCalls("ZqSysLogPrintHD").size(), 1u);
-  EXPECT_TRUE(platformCalls("ZqSysLogPrintE").empty());
+  EXPECT_TRUE(platformCalls("ZqSysLogPrintHD").empty());
+  const auto lines = platformCalls("ZqSysLogPrintE");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].text, "d.c:1 [AAAAA]");
+  EXPECT_EQ(lines[0].numbers, (std::vector<long long>{3, static_cast<long long>(getHBKFeatureTag("Radio"))}));
 }
 
 // ---- missing pointers -------------------------------------------------------------------
