@@ -22,6 +22,7 @@ struct Case {
 };
 
 const Case kCases[] = {
+    {"harness", [](int i) { harness(i); }},
     {"floor_text", [](int i) { floorText(i); }},
     {"stored_text_row0", [](int i) { storedTextRow0(i); }},
     {"stored_text_row29", [](int i) { storedTextRow29(i); }},

@@ -116,6 +116,20 @@ void floorErrorFileCalls() {
   close(fd);
 }
 
+namespace {
+
+[[gnu::noinline]] int nothing(std::uint16_t, std::uint32_t, std::uint32_t, const char*, std::int32_t, const char*,
+                              ...) {
+  asm volatile("");
+  return 0;
+}
+
+}  // namespace
+
+void harness(int i) {
+  nothing(sets().row0, TRACE_SEVERITY_DBG, kCategory, "src/app/bench.c", 42, "value %d of %s", i, "unit");
+}
+
 void storedTextRow0(int i) {
   tracePrintf(sets().row0, TRACE_SEVERITY_INF, kCategory, "src/app/bench.c", 42, "value %d of %s", i, "unit");
 }

@@ -258,48 +258,122 @@ int addEntry(const Call& c, Checked checked) noexcept {
 }  // namespace
 }  // namespace nt
 
-extern "C" {
+namespace nt {
+namespace {
 
-NODETRACE_API int addTraceEntry(uint16_t traceSetId, uint32_t type, uint32_t severity,
-                                uint32_t category, const char* file, int32_t line, ...) {
-  const nt::ErrnoGuard keepErrno;
-  if (!nt::traceEnabled()) return 0;
-  va_list args;
-  va_start(args, line);
-  const auto length = static_cast<std::uint16_t>(va_arg(args, int));
-  const void* contents = va_arg(args, const void*);
-  va_end(args);
-  return nt::addEntry({traceSetId, type, severity, category, file, line, length, contents}, {});
+// The first look at a call, before anything else and without a call or a
+// change of errno: the enable flag, and for an entry of a user set the
+// validity of its id and the filters. kDrop: the call returns 0 at once;
+// kStore: a user set whose filters the entry passed (descriptor known);
+// kAsk: anything else (start-up not done, no trace memory, the sets of the
+// SRAM file, an unknown id, an entry that is not filtered here), which the
+// full path decides.
+enum class Gate { kDrop, kStore, kAsk };
+
+struct Look {
+  Gate gate;
+  TraceSetStruct* descriptor;
+};
+
+// filterErrorClass: tracePrintf filters every entry but an error (0x80),
+// addTraceEntry none of the error class (they go to the error trace set
+// whatever the filters).
+inline Look lookAt(std::uint16_t traceSetId, std::uint32_t severity, std::uint32_t category,
+                   bool filterErrorClass) noexcept {
+  if (g_process.initialised.load(std::memory_order_acquire) == 0) return {Gate::kAsk, nullptr};
+  const TraceMemoryHeader* h = g_process.header;
+  if (h == nullptr) return {Gate::kAsk, nullptr};
+  if (loadShared(&h->traceEnabled) == 0) return {Gate::kDrop, nullptr};
+  const bool filtered = filterErrorClass ? severity != TRACE_SEVERITY_ERR : (severity & kErrorClass) == 0;
+  if (!filtered) return {Gate::kAsk, nullptr};
+  // The same test as isValidTraceSetId for a user set: below the number of
+  // sets (a damaged count held to the table's size).
+  const unsigned userSets = loadShared(&h->currentNumberTraceSets);
+  if (traceSetId >= userSets || traceSetId >= TRACE_MAX_TRACE_SETS) return {Gate::kAsk, nullptr};
+  TraceSetStruct* descriptor = userDescriptor(traceSetId);
+  if ((severity & loadShared(&h->severityMask)) == 0 || (category & loadShared(&descriptor->categoryMask)) == 0) {
+    return {Gate::kDrop, descriptor};
+  }
+  return {Gate::kStore, descriptor};
 }
 
-NODETRACE_API int tracePrintf(uint16_t traceSetId, uint32_t severity, uint32_t category,
-                              const char* file, int32_t line, const char* format, ...) {
-  const nt::ErrnoGuard keepErrno;
+}  // namespace
+}  // namespace nt
+
+namespace nt {
+namespace {
+
+// The rest of addTraceEntry once the first look did not refuse the entry;
+// apart from the exported function, so that a refused call does not pay
+// for this part's stack frame and saved registers.
+[[gnu::noinline]] int addTraceEntryPastTheGate(Look look, std::uint16_t traceSetId, std::uint32_t type,
+                                               std::uint32_t severity, std::uint32_t category, const char* file,
+                                               std::int32_t line, std::va_list args) noexcept {
+  const ErrnoGuard keepErrno;
+  const auto length = static_cast<std::uint16_t>(va_arg(args, int));
+  const void* contents = va_arg(args, const void*);
+  const Call call{traceSetId, type, severity, category, file, line, length, contents};
+  if (look.gate == Gate::kStore) return addEntry(call, {true, look.descriptor});
+  if (!traceEnabled()) return 0;
+  return addEntry(call, {});
+}
+
+[[gnu::noinline]] int tracePrintfPastTheGate(Look look, std::uint16_t traceSetId, std::uint32_t severity,
+                                             std::uint32_t category, const char* file, std::int32_t line,
+                                             const char* format, std::va_list args) noexcept {
+  const ErrnoGuard keepErrno;
   const int callerErrno = errno;
-  if (!nt::traceEnabled()) return 0;
-  // The filters are applied before any formatting: a filtered-out call
-  // costs a few loads. An error (0x80) or an entry of set 255 is formatted
-  // unlooked-at, as it goes to the error trace set whatever the filters.
-  nt::Checked checked;
-  if (traceSetId != SYSTEM_TRACE_SET_ID && severity != TRACE_SEVERITY_ERR) {
-    if (!nt::validTraceSetId(traceSetId)) return TRACE_RC_UNKNOWN_SET;
-    checked.descriptor = nt::descriptorOf(traceSetId);
-    checked.lookedUp = true;
-    if (checked.descriptor != nullptr && !nt::passesFilters(severity, category, checked.descriptor)) return 0;
+  Checked checked{look.gate == Gate::kStore, look.descriptor};
+  if (!checked.lookedUp) {
+    if (!traceEnabled()) return 0;
+    // An error (0x80) or an entry of set 255 is formatted unlooked-at, as
+    // it goes to the error trace set whatever the filters.
+    if (traceSetId != SYSTEM_TRACE_SET_ID && severity != TRACE_SEVERITY_ERR) {
+      if (!validTraceSetId(traceSetId)) return TRACE_RC_UNKNOWN_SET;
+      checked.descriptor = descriptorOf(traceSetId);
+      checked.lookedUp = true;
+      if (checked.descriptor != nullptr && !passesFilters(severity, category, checked.descriptor)) return 0;
+    }
   }
-  char text[nt::kFormatBufferSize];
+  char text[kFormatBufferSize];
   text[0] = '\0';
   if (format != nullptr) {  // a null format gives an empty entry
-    va_list args;
-    va_start(args, format);
     // "%m" in the format prints the caller's errno, not one left behind by
     // the start-up above.
     errno = callerErrno;
     std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
   }
-  const nt::Call call{traceSetId, TS_STRING, severity, category, file, line, 0, text};
-  return nt::addEntry(call, checked);
+  return addEntry({traceSetId, TS_STRING, severity, category, file, line, 0, text}, checked);
+}
+
+}  // namespace
+}  // namespace nt
+
+extern "C" {
+
+NODETRACE_API int addTraceEntry(uint16_t traceSetId, uint32_t type, uint32_t severity,
+                                uint32_t category, const char* file, int32_t line, ...) {
+  // A refused entry returns here, having changed nothing, errno included.
+  const nt::Look look = nt::lookAt(traceSetId, severity, category, false);
+  if (look.gate == nt::Gate::kDrop) return 0;
+  va_list args;
+  va_start(args, line);
+  const int result = nt::addTraceEntryPastTheGate(look, traceSetId, type, severity, category, file, line, args);
+  va_end(args);
+  return result;
+}
+
+NODETRACE_API int tracePrintf(uint16_t traceSetId, uint32_t severity, uint32_t category,
+                              const char* file, int32_t line, const char* format, ...) {
+  // The filters are applied before any formatting: a refused call costs a
+  // few loads and changes nothing, errno included.
+  const nt::Look look = nt::lookAt(traceSetId, severity, category, true);
+  if (look.gate == nt::Gate::kDrop) return 0;
+  va_list args;
+  va_start(args, format);
+  const int result = nt::tracePrintfPastTheGate(look, traceSetId, severity, category, file, line, format, args);
+  va_end(args);
+  return result;
 }
 
 }  // extern "C"
