@@ -66,12 +66,19 @@ BaseName findBaseName(const char* file) noexcept {
   if (file == nullptr || file[0] == '\0') return {".", 1, true};
   const std::size_t pathLength = strnlen(file, kPathLimit);
   const char* end = file + pathLength;
+  const bool whole = *end == '\0';
+  if (end[-1] != '/') {
+    // The common case: the name runs to the end of the path.
+    const auto* slash = static_cast<const char*>(memrchr(file, '/', pathLength));
+    const char* start = slash != nullptr ? slash + 1 : file;
+    return {start, static_cast<std::size_t>(end - start), whole};
+  }
   const char* stop = end;
   while (stop > file && stop[-1] == '/') --stop;
   if (stop == file) return {"/", 1, true};  // nothing but slashes
   const char* start = stop;
   while (start > file && start[-1] != '/') --start;
-  return {start, static_cast<std::size_t>(stop - start), stop == end && *end == '\0'};
+  return {start, static_cast<std::size_t>(stop - start), false};
 }
 
 bool traceEnabled() noexcept {
