@@ -419,6 +419,32 @@ TEST_F(WriterTest, ErrorTraceRecordsTakeSequenceNumbersToo) {
   EXPECT_EQ(s.header.prevEntryIndex, 0);
 }
 
+TEST_F(WriterTest, ErrorEntriesRacingUserEntriesNeverShareASequenceNumber) {
+  constexpr unsigned kUserEntries = 3000;
+  constexpr unsigned kErrorEntries = 40;
+  const std::int16_t id = createSet("Equip", TS_STRING, kUserEntries, 128);
+  std::thread errors([&] {
+    for (unsigned i = 0; i < kErrorEntries; ++i) {
+      tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_WAR, 1, "race.c", static_cast<std::int32_t>(i),
+                  "error %u", i);
+    }
+  });
+  for (unsigned i = 0; i < kUserEntries; ++i) {
+    tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_INF, 1, "race.c", static_cast<std::int32_t>(i),
+                "user %u", i);
+  }
+  errors.join();
+
+  std::set<std::uint32_t> numbers;
+  for (unsigned i = 0; i < kUserEntries; ++i) numbers.insert(slot(id, i).header.sequenceNumber);
+  ASSERT_EQ(errorEntries(), kErrorEntries);
+  for (unsigned i = 0; i < kErrorEntries; ++i) numbers.insert(readSramEntry(sram(), 0, i).header.sequenceNumber);
+  // Every number from 0 up was given once.
+  EXPECT_EQ(numbers.size(), kUserEntries + kErrorEntries);
+  EXPECT_EQ(*numbers.rbegin(), kUserEntries + kErrorEntries - 1);
+  EXPECT_EQ(getTotalNumberTraceEntries(), kUserEntries + kErrorEntries);
+}
+
 TEST_F(WriterTest, SetWithoutSlotsWritesAtItsDataOffsetAndNeverMovesItsIndex) {
   const std::int16_t empty = createSet("Nothing", TS_STRING, 0, 128);
   const std::int16_t next = createSet("Equip", TS_STRING, 2, 128);
