@@ -32,6 +32,7 @@
 #include "trace/entry_stamp.h"
 #include "trace/errno_guard.h"
 #include "trace/error_trace.h"
+#include "trace/printf_format.h"
 #include "trace/registry.h"
 #include "trace/shared_access.h"
 #include "trace/slot_access.h"
@@ -348,7 +349,7 @@ namespace {
     // "%m" in the format prints the caller's errno, not one left behind by
     // the start-up above.
     errno = callerErrno;
-    std::vsnprintf(text, sizeof text, format, args);
+    formatText(text, sizeof text, format, args);
   }
   return addEntry({traceSetId, TS_STRING, severity, category, file, line, 0, text}, checked);
 }

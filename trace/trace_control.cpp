@@ -16,6 +16,7 @@
 #include "nodetrace/nodetrace.h"
 #include "trace/errno_guard.h"
 #include "trace/error_trace.h"
+#include "trace/printf_format.h"
 #include "trace/shared_access.h"
 #include "trace/source_file.h"
 #include "trace/trace_system.h"
@@ -98,7 +99,7 @@ NODETRACE_API void assertFail(const char* expression, const char* fileName, cons
   if (format != nullptr) {
     va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(message, sizeof message, format, arguments);
+    nt::formatText(message, sizeof message, format, arguments);
     va_end(arguments);
   }
   char assertion[nt::kTextSize];

@@ -1,0 +1,494 @@
+// The formatter of entry texts: the common printf conversions done here, the
+// rest by vsnprintf (see printf_format.h for the split).
+//
+// The text is produced in one pass over the format. A conversion the pass
+// does not handle makes it give up, and vsnprintf then formats the whole
+// call from the caller's untouched argument list. So that giving up never
+// leaves a byte of ours in the caller's buffer (vsnprintf writes nothing past
+// its terminator), the pass writes into a stack buffer when the caller's
+// buffer is small (entry texts are 128 bytes) and copies it over at the end;
+// for a larger buffer a first pass only counts, and the second one writes.
+//
+// The output rules follow the C library's vsnprintf to the byte, including
+// its choices where the C standard leaves room:
+//   - %s of a null pointer prints "(null)", or nothing at all when a
+//     precision below 6 is given;
+//   - %p prints "(nil)" for a null pointer (never cut by a precision, padded
+//     with spaces), and otherwise the value as %#lx would, with the flags
+//     + and space and a precision or 0 flag applying as for %d;
+//   - the 0 flag pads numbers only: %s, %c and "(nil)" are padded with
+//     spaces; it is ignored with - and, for numbers, with a precision;
+//   - precision 0 and value 0 print no digits, except for %#o ("0");
+//     # adds no 0x to a zero value;
+//   - + wins over space; both apply to %d, %i and %p only;
+//   - %c of 0 writes a zero byte, which counts in the result;
+//   - a * width below 0 means - and its absolute value, a * precision
+//     below 0 means no precision.
+
+#include "trace/printf_format.h"
+
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <type_traits>
+
+namespace nt {
+namespace {
+
+// Widths and precisions up to this many characters are formatted here; the
+// rare larger one goes to vsnprintf, which also reports a text longer than
+// INT_MAX characters as an error.
+constexpr unsigned kLargestField = 4095;
+// A caller's buffer up to this size is formatted into a stack copy first.
+constexpr std::size_t kStageSize = 128;
+
+constexpr int kNoPrecision = -1;
+// A block copied at once into the stack buffer.
+constexpr std::size_t kBlock = 16;
+
+enum class Length : unsigned char { kInt, kChar, kShort, kLong, kLongLong, kIntMax, kSize, kPtrDiff };
+
+struct Spec {
+  bool left = false;
+  bool plus = false;
+  bool space = false;
+  bool alt = false;
+  bool zero = false;
+  unsigned width = 0;
+  int precision = kNoPrecision;
+  Length length = Length::kInt;
+};
+
+// Where the characters go: dst has room for `room` characters; the ones
+// beyond are only counted. Empty pieces cost no call.
+struct Output {
+  char* dst;
+  std::size_t room;
+  // Bytes of dst that may be written past the text as scratch space (only
+  // in the stack buffer, whose bytes past the text are never copied out).
+  std::size_t scratch = 0;
+  std::size_t length = 0;
+
+  void put(char c) noexcept {
+    if (length < room) dst[length] = c;
+    ++length;
+  }
+  void append(const char* text, std::size_t n) noexcept {
+    if (n != 0 && length < room) std::memcpy(dst + length, text, n < room - length ? n : room - length);
+    length += n;
+  }
+  void fill(char c, std::size_t n) noexcept {
+    if (n != 0 && length < room) std::memset(dst + length, c, n < room - length ? n : room - length);
+    length += n;
+  }
+};
+
+// The characters that end a piece of literal text.
+constexpr auto kLiteralEnds = [] {
+  struct Table {
+    bool ends[256] = {};
+  } table;
+  table.ends[static_cast<unsigned char>('%')] = true;
+  table.ends[0] = true;
+  return table;
+}();
+
+constexpr char kLowerDigits[] = "0123456789abcdef";
+constexpr char kUpperDigits[] = "0123456789ABCDEF";
+constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+// The digits of value in base 8, 10 or 16, written backwards so that they
+// end just before end; returns their first character. Values that fit in 32
+// bits take 32-bit arithmetic, which is much cheaper on a 32-bit node.
+char* digitsOf(char* end, std::uint64_t value, unsigned base, const char* digitChars) noexcept {
+  char* p = end;
+  if (base == 10) {
+    while (value > UINT32_MAX) {
+      *--p = static_cast<char>('0' + value % 10);
+      value /= 10;
+    }
+    auto small = static_cast<std::uint32_t>(value);
+    do {
+      *--p = static_cast<char>('0' + small % 10);
+      small /= 10;
+    } while (small != 0);
+  } else {
+    const unsigned shift = base == 16 ? 4 : 3;
+    const unsigned mask = base - 1;
+    do {
+      *--p = digitChars[value & mask];
+      value >>= shift;
+    } while (value != 0);
+  }
+  return p;
+}
+
+// A number with its sign or 0x prefix, precision zeros, width padding.
+// signChar is '-', '+', ' ' or 0; hexPrefix is 'x', 'X' or 0.
+void putNumber(Output& out, const Spec& spec, std::uint64_t magnitude, char signChar, unsigned base,
+               char hexPrefix, const char* digitChars) noexcept {
+  char buffer[24];  // 22 octal digits of a 64-bit value, and one more 0 for #
+  char* const end = buffer + sizeof buffer;
+  char* first = end;
+  if (magnitude != 0 || spec.precision != 0) first = digitsOf(end, magnitude, base, digitChars);
+  auto digitCount = static_cast<std::size_t>(end - first);
+  // # of an octal value makes its first digit a 0, unless the precision
+  // already puts one there.
+  if (base == 8 && spec.alt && (digitCount == 0 || *first != '0') &&
+      (spec.precision < 0 || static_cast<std::size_t>(spec.precision) <= digitCount)) {
+    *--first = '0';
+    ++digitCount;
+  }
+  char prefix[3];
+  std::size_t prefixLength = 0;
+  if (signChar != 0) prefix[prefixLength++] = signChar;
+  if (hexPrefix != 0) {
+    prefix[prefixLength++] = '0';
+    prefix[prefixLength++] = hexPrefix;
+  }
+  std::size_t zeros = 0;
+  if (spec.precision >= 0) {
+    if (static_cast<std::size_t>(spec.precision) > digitCount) zeros = static_cast<std::size_t>(spec.precision) - digitCount;
+  } else if (spec.zero && !spec.left && spec.width > prefixLength + digitCount) {
+    zeros = spec.width - prefixLength - digitCount;
+  }
+  const std::size_t total = prefixLength + zeros + digitCount;
+  const std::size_t padding = spec.width > total ? spec.width - total : 0;
+  if (!spec.left) out.fill(' ', padding);
+  out.append(prefix, prefixLength);
+  out.fill('0', zeros);
+  out.append(first, digitCount);
+  if (spec.left) out.fill(' ', padding);
+}
+
+// %d without flags, width or precision.
+void putPlainDecimal(Output& out, int value) noexcept {
+  // The digits end at buffer + 12; the 16 bytes from the first of them are
+  // always inside the buffer, so that they can be copied as one block.
+  char buffer[28];
+  char* const end = buffer + 12;
+  char* first = end;
+  unsigned magnitude = value < 0 ? 0u - static_cast<unsigned>(value) : static_cast<unsigned>(value);
+  // Two digits per division.
+  while (magnitude >= 100) {
+    const unsigned pair = magnitude % 100 * 2;
+    magnitude /= 100;
+    *--first = kDigitPairs[pair + 1];
+    *--first = kDigitPairs[pair];
+  }
+  if (magnitude >= 10) {
+    *--first = kDigitPairs[magnitude * 2 + 1];
+    *--first = kDigitPairs[magnitude * 2];
+  } else {
+    *--first = static_cast<char>('0' + magnitude);
+  }
+  if (value < 0) *--first = '-';
+  char* const dst = out.dst;
+  const std::size_t room = out.room;
+  std::size_t length = out.length;
+  if (length + kBlock <= out.scratch) {
+    std::memcpy(dst + length, first, kBlock);
+    out.length = length + static_cast<std::size_t>(end - first);
+    return;
+  }
+  do {
+    if (length < room) dst[length] = *first;
+    ++length;
+  } while (++first != end);
+  out.length = length;
+}
+
+void putText(Output& out, const Spec& spec, const char* text, std::size_t n) noexcept {
+  const std::size_t padding = spec.width > n ? spec.width - n : 0;
+  if (!spec.left) out.fill(' ', padding);
+  out.append(text, n);
+  if (spec.left) out.fill(' ', padding);
+}
+
+bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
+
+// Reads the digits of a width or precision at p; false when the value is
+// beyond what is formatted here.
+bool readNumber(const char*& p, unsigned& value) noexcept {
+  value = 0;
+  while (isDigit(*p)) {
+    value = value * 10 + static_cast<unsigned>(*p - '0');
+    if (value > kLargestField) return false;
+    ++p;
+  }
+  return true;
+}
+
+using SignedSize = std::make_signed_t<std::size_t>;
+using UnsignedPtrDiff = std::make_unsigned_t<std::ptrdiff_t>;
+
+// The one pass over the format. Returns false, possibly having written part
+// of the text, when the format needs vsnprintf.
+bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
+  const char* p = format;
+  for (;;) {
+    // Literal text is copied as it is scanned. The hot loops keep the
+    // output position in locals: a store of a character may alias any
+    // memory, out's fields included, and would make the compiler reload them.
+    char c;
+    {
+      char* const dst = out.dst;
+      const std::size_t room = out.room;
+      std::size_t length = out.length;
+      while (!kLiteralEnds.ends[static_cast<unsigned char>(c = *p)]) {
+        if (length < room) dst[length] = c;
+        ++length;
+        ++p;
+      }
+      out.length = length;
+    }
+    if (c == '\0') break;
+    ++p;  // the '%'
+
+    // The plainest conversions, by far the most frequent, take a short way.
+    c = *p;
+    if (c == 'd' || c == 'i') {
+      ++p;
+      putPlainDecimal(out, va_arg(*ap, int));
+      continue;
+    }
+    if (c == 's') {
+      ++p;
+      const char* text = va_arg(*ap, const char*);
+      if (text == nullptr) text = "(null)";
+      char* const dst = out.dst;
+      const std::size_t room = out.room;
+      std::size_t length = out.length;
+      // Copied while it fits, only measured after that.
+      while ((c = *text) != '\0') {
+        if (length >= room) {
+          length += std::strlen(text);
+          break;
+        }
+        dst[length++] = c;
+        ++text;
+      }
+      out.length = length;
+      if (length > INT_MAX) return false;
+      continue;
+    }
+    if (c == '%') {
+      out.put('%');
+      ++p;
+      continue;
+    }
+
+    Spec spec;
+    for (;; ++p) {
+      if (*p == '-') {
+        spec.left = true;
+      } else if (*p == '+') {
+        spec.plus = true;
+      } else if (*p == ' ') {
+        spec.space = true;
+      } else if (*p == '#') {
+        spec.alt = true;
+      } else if (*p == '0') {
+        spec.zero = true;
+      } else {
+        break;
+      }
+    }
+
+    if (*p == '*') {
+      ++p;
+      if (isDigit(*p)) return false;  // a positional *n$
+      const int width = va_arg(*ap, int);
+      if (width < -static_cast<int>(kLargestField) || width > static_cast<int>(kLargestField)) return false;
+      if (width < 0) {
+        spec.left = true;
+        spec.width = static_cast<unsigned>(-width);
+      } else {
+        spec.width = static_cast<unsigned>(width);
+      }
+    } else if (!readNumber(p, spec.width) || *p == '$') {
+      return false;  // a huge width, or a positional argument n$
+    }
+
+    if (*p == '.') {
+      ++p;
+      if (*p == '*') {
+        ++p;
+        if (isDigit(*p)) return false;
+        const int precision = va_arg(*ap, int);
+        if (precision > static_cast<int>(kLargestField)) return false;
+        spec.precision = precision < 0 ? kNoPrecision : precision;
+      } else {
+        unsigned precision = 0;
+        if (!readNumber(p, precision)) return false;
+        spec.precision = static_cast<int>(precision);
+      }
+    }
+
+    switch (*p) {
+      case 'h':
+        ++p;
+        spec.length = Length::kShort;
+        if (*p == 'h') {
+          ++p;
+          spec.length = Length::kChar;
+        }
+        break;
+      case 'l':
+        ++p;
+        spec.length = Length::kLong;
+        if (*p == 'l') {
+          ++p;
+          spec.length = Length::kLongLong;
+        }
+        break;
+      case 'j':
+        ++p;
+        spec.length = Length::kIntMax;
+        break;
+      case 'z':
+        ++p;
+        spec.length = Length::kSize;
+        break;
+      case 't':
+        ++p;
+        spec.length = Length::kPtrDiff;
+        break;
+      default:
+        break;
+    }
+
+    const char conversion = *p++;
+    switch (conversion) {
+      case 'd':
+      case 'i': {
+        long long value = 0;
+        switch (spec.length) {
+          case Length::kInt: value = va_arg(*ap, int); break;
+          case Length::kChar: value = static_cast<signed char>(va_arg(*ap, int)); break;
+          case Length::kShort: value = static_cast<short>(va_arg(*ap, int)); break;
+          case Length::kLong: value = va_arg(*ap, long); break;
+          case Length::kLongLong: value = va_arg(*ap, long long); break;
+          case Length::kIntMax: value = va_arg(*ap, std::intmax_t); break;
+          case Length::kSize: value = va_arg(*ap, SignedSize); break;
+          case Length::kPtrDiff: value = va_arg(*ap, std::ptrdiff_t); break;
+        }
+        char signChar = 0;
+        std::uint64_t magnitude = static_cast<std::uint64_t>(value);
+        if (value < 0) {
+          signChar = '-';
+          magnitude = 0 - magnitude;
+        } else if (spec.plus) {
+          signChar = '+';
+        } else if (spec.space) {
+          signChar = ' ';
+        }
+        putNumber(out, spec, magnitude, signChar, 10, 0, kLowerDigits);
+        break;
+      }
+      case 'u':
+      case 'x':
+      case 'X':
+      case 'o': {
+        std::uint64_t value = 0;
+        switch (spec.length) {
+          case Length::kInt: value = va_arg(*ap, unsigned); break;
+          case Length::kChar: value = static_cast<unsigned char>(va_arg(*ap, unsigned)); break;
+          case Length::kShort: value = static_cast<unsigned short>(va_arg(*ap, unsigned)); break;
+          case Length::kLong: value = va_arg(*ap, unsigned long); break;
+          case Length::kLongLong: value = va_arg(*ap, unsigned long long); break;
+          case Length::kIntMax: value = va_arg(*ap, std::uintmax_t); break;
+          case Length::kSize: value = va_arg(*ap, std::size_t); break;
+          case Length::kPtrDiff: value = static_cast<UnsignedPtrDiff>(va_arg(*ap, std::ptrdiff_t)); break;
+        }
+        const unsigned base = conversion == 'u' ? 10 : conversion == 'o' ? 8 : 16;
+        const char* const digitChars = conversion == 'X' ? kUpperDigits : kLowerDigits;
+        const char hexPrefix = base == 16 && spec.alt && value != 0 ? (conversion == 'X' ? 'X' : 'x') : 0;
+        putNumber(out, spec, value, 0, base, hexPrefix, digitChars);
+        break;
+      }
+      case 's': {
+        if (spec.length != Length::kInt) return false;  // %ls and the like
+        const char* text = va_arg(*ap, const char*);
+        std::size_t n;
+        if (text == nullptr) {
+          const bool shown = spec.precision < 0 || spec.precision >= 6;
+          text = "(null)";
+          n = shown ? 6 : 0;
+        } else {
+          n = spec.precision < 0 ? std::strlen(text) : strnlen(text, static_cast<std::size_t>(spec.precision));
+        }
+        putText(out, spec, text, n);
+        if (out.length > INT_MAX) return false;
+        break;
+      }
+      case 'c': {
+        if (spec.length != Length::kInt) return false;  // %lc
+        const char character = static_cast<char>(static_cast<unsigned char>(va_arg(*ap, int)));
+        putText(out, spec, &character, 1);
+        break;
+      }
+      case 'p': {
+        if (spec.length != Length::kInt) return false;
+        const void* pointer = va_arg(*ap, void*);
+        if (pointer == nullptr) {
+          putText(out, spec, "(nil)", 5);
+        } else {
+          const char signChar = spec.plus ? '+' : spec.space ? ' ' : 0;
+          putNumber(out, spec, reinterpret_cast<std::uintptr_t>(pointer), signChar, 16, 'x', kLowerDigits);
+        }
+        break;
+      }
+      default:
+        // %% with flags, %n, %m, floating point, wide characters, the
+        // other length modifiers and flags, anything unknown, and a
+        // format that ends inside a conversion.
+        return false;
+    }
+  }
+  return out.length <= INT_MAX;
+}
+
+}  // namespace
+
+int formatText(char* dst, std::size_t size, const char* format, va_list args) noexcept {
+  va_list ap;
+  bool done;
+  std::size_t length;
+  if (size <= kStageSize) {
+    char stage[kStageSize];
+    Output out{stage, size != 0 ? size - 1 : 0, sizeof stage};
+    va_copy(ap, args);
+    done = formatAll(out, format, &ap);
+    va_end(ap);
+    length = out.length;
+    if (done && size != 0) {
+      const std::size_t kept = length < out.room ? length : out.room;
+      std::memcpy(dst, stage, kept);
+      dst[kept] = '\0';
+    }
+  } else {
+    // Counted first, so that a format that needs vsnprintf is found before
+    // a byte is written.
+    Output counter{nullptr, 0};
+    va_copy(ap, args);
+    done = formatAll(counter, format, &ap);
+    va_end(ap);
+    length = counter.length;
+    if (done) {
+      Output out{dst, size - 1};
+      va_copy(ap, args);
+      formatAll(out, format, &ap);
+      va_end(ap);
+      dst[length < out.room ? length : out.room] = '\0';
+    }
+  }
+  if (!done) return std::vsnprintf(dst, size, format, args);
+  return static_cast<int>(length);
+}
+
+}  // namespace nt

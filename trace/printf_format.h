@@ -1,0 +1,26 @@
+// A printf-compatible formatter for the text of trace entries and records.
+//
+// formatText formats the everyday conversions itself, without allocation,
+// locale or lock: %d %i %u %x %X %o %c %s %p and %%, the flags - + space # 0,
+// field width and precision (given as digits or as *), and the length
+// modifiers hh h l ll j z t. The result is the one the C library's vsnprintf
+// gives: the same bytes in dst (cut to size - 1 characters and terminated
+// when size is not 0, nothing written past the terminator) and the same
+// return value (the length of the whole, uncut text).
+//
+// Any other format (floating point, %n, %m, positional arguments, the ' and
+// I flags, wide characters, q, L, Z, an unknown or incomplete conversion, or
+// a width or precision above 4095) is handed to vsnprintf whole, with the
+// arguments as the caller passed them and errno untouched, so %m still names
+// the caller's errno.
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+
+namespace nt {
+
+__attribute__((format(printf, 3, 0))) int formatText(char* dst, std::size_t size, const char* format,
+                                                     va_list args) noexcept;
+
+}  // namespace nt
