@@ -164,11 +164,4 @@ inline off_t sramSlotOffsetInEitherRegion(std::uint32_t dataOffset, std::uint32_
   return offset >= 0 ? offset : sramSlotOffset(REMOTE_SYSTEM_TRACE_SET_ID, dataOffset, slotSize, index);
 }
 
-// Whether the header's lastTraceSetId names a set of a node with userSets
-// user sets, or is the "no entry yet" value 0xFFFF.
-inline bool isValidLink(std::uint16_t setId, unsigned userSets) noexcept {
-  return setId == 0xFFFFu || setId == SYSTEM_TRACE_SET_ID || setId == REMOTE_SYSTEM_TRACE_SET_ID ||
-         setId < userSets;
-}
-
 }  // namespace nt
