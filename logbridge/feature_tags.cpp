@@ -105,39 +105,37 @@ int findRow(const char* name) noexcept {
 }
 
 int routeEntry(std::uint32_t tag, const char* traceSetName, std::uint32_t traceSetType, std::uint32_t severity,
-               const char* fileName, std::int32_t line, std::uint16_t contentsLength,
-               const void* contents) noexcept;
+               const char* fileName, std::int32_t line, std::uint16_t contentsLength, const void* contents,
+               bool contentsAreText) noexcept;
 
-// Contents as text for a "%s" line. The contents of a text set are the
-// writer's zero-terminated text, printed whole: its length is not always
-// known here (an error-class entry arrives with the caller's length, which
-// tracePrintf leaves at 0). The bytes of a dump set's error entry need not
-// hold a zero byte, so they are printed up to their first zero byte within
-// contentsLength, copied and terminated when there is none, and never read
-// past their end.
-class EntryText {
- public:
-  EntryText(const void* contents, std::uint16_t contentsLength, bool isText) noexcept {
-    if (contents == nullptr) return;
-    const auto* bytes = static_cast<const char*>(contents);
-    if (isText || std::memchr(bytes, '\0', contentsLength) != nullptr) {
-      text_ = bytes;
-      return;
-    }
-    const std::size_t length = contentsLength < TRACE_MAX_DUMP_LENGTH ? contentsLength : TRACE_MAX_DUMP_LENGTH;
-    std::memcpy(copy_, bytes, length);
-    copy_[length] = '\0';
-    text_ = copy_;
+// The copy of a dump without a zero byte; kept out of the line printer so
+// that only this rare case pays for its 1601-byte buffer on the stack.
+[[gnu::noinline, gnu::cold]] int printBytesLine(std::uint32_t level, std::uint32_t tag, const char* file,
+                                                std::int32_t line, const char* bytes,
+                                                std::uint16_t contentsLength) noexcept {
+  char copy[TRACE_MAX_DUMP_LENGTH + 1];
+  const std::size_t length = contentsLength < TRACE_MAX_DUMP_LENGTH ? contentsLength : TRACE_MAX_DUMP_LENGTH;
+  std::memcpy(copy, bytes, length);
+  copy[length] = '\0';
+  return ZqSysLogPrintE(level, tag, "%s:%d [%s]", file, line, copy);
+}
+
+// Prints contents as the text of a "%s:%d [%s]" line. Text contents (the
+// writer's zero-terminated text) are printed whole: their length is not
+// always known here (an error-class entry of tracePrintf arrives with the
+// length 0). Bytes offered as a dump need not hold a zero byte, so they are
+// printed up to their first zero byte within contentsLength, copied and
+// terminated when there is none, and never read past their end.
+int printLine(std::uint32_t level, std::uint32_t tag, const char* file, std::int32_t line,
+              const void* contents, std::uint16_t contentsLength, bool contentsAreText) noexcept {
+  const auto* bytes = static_cast<const char*>(contents);
+  if (bytes == nullptr) {
+    bytes = "";
+  } else if (!contentsAreText && std::memchr(bytes, '\0', contentsLength) == nullptr) {
+    return printBytesLine(level, tag, file, line, bytes, contentsLength);
   }
-  EntryText(const EntryText&) = delete;
-  EntryText& operator=(const EntryText&) = delete;
-
-  const char* get() const noexcept { return text_; }
-
- private:
-  const char* text_ = "";
-  char copy_[TRACE_MAX_DUMP_LENGTH + 1];
-};
+  return ZqSysLogPrintE(level, tag, "%s:%d [%s]", file, line, bytes);
+}
 
 }  // namespace
 
@@ -199,32 +197,30 @@ namespace {
 // Registers the domain if needed and routes the entry, once its set's tag
 // is known.
 int routeEntry(std::uint32_t tag, const char* traceSetName, std::uint32_t traceSetType, std::uint32_t severity,
-               const char* fileName, std::int32_t line, std::uint16_t contentsLength,
-               const void* contents) noexcept {
+               const char* fileName, std::int32_t line, std::uint16_t contentsLength, const void* contents,
+               bool contentsAreText) noexcept {
   const char* setName = traceSetName != nullptr ? traceSetName : "";
   const char* file = fileName != nullptr ? fileName : "";
   if (g_hbkDomainRegistered.load(std::memory_order_relaxed) == 0) registerDomain(setName);
 
   if (severity == TRACE_SEVERITY_ERR) {
-    const EntryText text(contents, contentsLength, traceSetType == TS_STRING);
-    return ZqSysLogPrintE(4, kSystemHbkTag, "%s:%d [%s]", file, line, text.get());
+    return printLine(4, kSystemHbkTag, file, line, contents, contentsLength, contentsAreText);
   }
   const std::uint32_t level = severityToLogLevel(severity);
   if (traceSetType != TS_STRING) {
     return ZqSysLogPrintHD(level, contents, contents != nullptr ? contentsLength : 0, "QMB %s DUMP", setName);
   }
-  const EntryText text(contents, contentsLength, true);
-  return ZqSysLogPrintE(level, tag, "%s:%d [%s]", file, line, text.get());
+  return printLine(level, tag, file, line, contents, contentsLength, contentsAreText);
 }
 
 }  // namespace
 
 int forwardEntry(std::uint16_t traceSetId, const char* traceSetName, std::uint32_t traceSetType,
                  std::uint32_t severity, const char* fileName, std::int32_t line, std::uint16_t contentsLength,
-                 const void* contents) noexcept {
-  const ErrnoGuard errnoGuard;
+                 const void* contents, bool contentsAreText) noexcept {
   const std::uint32_t tag = featureTagOfSet(traceSetId, traceSetName);
-  return routeEntry(tag, traceSetName, traceSetType, severity, fileName, line, contentsLength, contents);
+  return routeEntry(tag, traceSetName, traceSetType, severity, fileName, line, contentsLength, contents,
+                    contentsAreText);
 }
 
 }  // namespace nt
@@ -236,5 +232,8 @@ extern "C" NODETRACE_API int updateSyslogPrint(const char* traceSetName, uint32_
   const nt::ErrnoGuard errnoGuard;
   // No set id comes with this call, so the name is looked up every time.
   const uint32_t tag = getHBKFeatureTag(traceSetName);
-  return nt::routeEntry(tag, traceSetName, traceSetType, severity, fileName, line, contentsLength, contents);
+  // The contents of a text set are taken for text; those of a dump set
+  // (printed as a line only for an error) are bytes.
+  return nt::routeEntry(tag, traceSetName, traceSetType, severity, fileName, line, contentsLength, contents,
+                        traceSetType == TS_STRING);
 }

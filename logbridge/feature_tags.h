@@ -37,11 +37,16 @@ void forgetHBKDomainRegistration() noexcept;
 // time, as getHBKFeatureTag does. Takes no lock and allocates nothing.
 std::uint32_t featureTagOfSet(std::uint16_t traceSetId, const char* name) noexcept;
 
-// updateSyslogPrint for an entry of the trace set traceSetId: the same
-// lines, with the set's tag from featureTagOfSet.
+// Routes one entry of the trace set traceSetId to the platform log service
+// as updateSyslogPrint does, by the set's name and type, with the set's tag
+// from featureTagOfSet. contentsAreText tells whether the caller's contents
+// are zero-terminated text; bytes (false) printed as a text line are printed
+// within contentsLength, never past it. The library's writer calls this
+// directly rather than through the exported symbol. errno is the caller's
+// business.
 int forwardEntry(std::uint16_t traceSetId, const char* traceSetName, std::uint32_t traceSetType,
                  std::uint32_t severity, const char* fileName, std::int32_t line,
-                 std::uint16_t contentsLength, const void* contents) noexcept;
+                 std::uint16_t contentsLength, const void* contents, bool contentsAreText) noexcept;
 
 // Test hooks: the row kept for traceSetId (-1 for none), and forgetting
 // every kept row.

@@ -68,8 +68,8 @@
 //                                maximum is cut (and announced) as always.
 //   getRecentEntry               a (lastTraceSetId, lastEntryIndex) that names
 //                                no set, or a slot beyond that user set's
-//                                ring: the answer of a node without entries,
-//                                -1 and 0 (the total as stored).
+//                                ring, is handed out as stored; the readers
+//                                that follow it refuse it.
 //   printTraceEntry              lengths held to the buffers as above; a null
 //                                entry prints nothing (like a null
 //                                descriptor), null contents print as empty.
@@ -162,13 +162,6 @@ inline off_t sramSlotOffsetInEitherRegion(std::uint32_t dataOffset, std::uint32_
                                           std::uint32_t index) noexcept {
   const off_t offset = sramSlotOffset(SYSTEM_TRACE_SET_ID, dataOffset, slotSize, index);
   return offset >= 0 ? offset : sramSlotOffset(REMOTE_SYSTEM_TRACE_SET_ID, dataOffset, slotSize, index);
-}
-
-// Whether the header's lastTraceSetId names a set of a node with userSets
-// user sets, or is the "no entry yet" value 0xFFFF.
-inline bool isValidLink(std::uint16_t setId, unsigned userSets) noexcept {
-  return setId == 0xFFFFu || setId == SYSTEM_TRACE_SET_ID || setId == REMOTE_SYSTEM_TRACE_SET_ID ||
-         setId < userSets;
 }
 
 }  // namespace nt

@@ -112,18 +112,6 @@ TraceEntryHeader* readSramEntry(std::uint16_t traceSetId, std::uint16_t index, T
   return entry;
 }
 
-// Whether (setId, slot) can name the newest entry of the node: no entry yet
-// (0xFFFF), a set of the SRAM file, or a slot of an existing user set's
-// ring (slot 0 of a set without slots, whose entries go to its dataOffset).
-bool namesAnEntry(std::uint16_t setId, std::uint16_t slot) noexcept {
-  const TraceMemoryHeader* h = header();
-  const unsigned userSets = std::min<unsigned>(loadShared(&h->currentNumberTraceSets), TRACE_MAX_TRACE_SETS);
-  if (!isValidLink(setId, userSets)) return false;
-  if (setId >= userSets) return true;
-  const std::uint16_t capacity = loadShared(&userDescriptor(setId)->maxNumberEntries);
-  return slot < std::max<std::uint16_t>(capacity, 1);
-}
-
 }  // namespace
 }  // namespace nt
 
@@ -155,17 +143,13 @@ NODETRACE_API void getRecentEntry(int16_t* traceSetId, uint16_t* index, uint32_t
     return;
   }
   // Set and slot share one aligned word: read together, they belong to the
-  // same entry.
+  // same entry. They are handed out as stored, whatever they name: the
+  // readers that follow the link (getTraceEntry, the search) refuse what
+  // does not exist.
   std::uint16_t link[2];
   const std::uint32_t word = nt::loadShared(reinterpret_cast<const std::uint32_t*>(&h->lastTraceSetId));
   std::memcpy(link, &word, sizeof link);
   *total = nt::loadShared(&h->totalNumberTraceEntries);
-  if (!nt::namesAnEntry(link[0], link[1])) {
-    // A damaged link that names no set, or a slot beyond its user set's
-    // ring, is reported as no entry at all.
-    link[0] = 0xFFFFu;
-    link[1] = 0;
-  }
   *traceSetId = static_cast<int16_t>(link[0]);
   *index = link[1];
 }

@@ -9,19 +9,17 @@
 //   |  slot 0  |  slot 1  | ... | slot writeIndex | ... | slot max-1 |
 //                                 ^ this entry: 80-byte header, then contents
 //
+// The append itself (claim, count, number, store, stamp, link) is the ring
+// module's (user_ring.h), shared with the remote writer.
+//
 // Error-class entries (ERR, WAR, NOT) go to the persistent error trace set
 // instead and are forwarded all the same.
 //
-// The ring counters, the sequence number and the link to the newest entry
-// are advanced with atomic read-modify-write operations rather than separate
-// loads and stores: two writers of one set then never claim the same slot
-// within one round of its ring, and no two entries share a sequence number.
-// For a single writer the result is the same. A reader that copies a slot
-// while it is being written may see a mix of the old and the new entry,
-// which readers accept; so may a writer that is held up for a whole round
-// of the ring and then shares its slot with the writer one round later.
-
-#include <libgen.h>
+// The hot path does only what an entry needs: the enable flag and the
+// filters are looked at before anything else, the source file's base name
+// is found in place inside the caller's path, the library's own functions
+// are called directly (not through its exported symbols), and the thread id
+// comes from a thread-local cache.
 
 #include <atomic>
 #include <cstdarg>
@@ -29,35 +27,59 @@
 #include <cstdio>
 #include <cstring>
 
-#include "nodetrace/logbridge.h"
+#include "logbridge/feature_tags.h"
 #include "nodetrace/nodetrace.h"
 #include "trace/entry_stamp.h"
 #include "trace/errno_guard.h"
 #include "trace/error_trace.h"
 #include "trace/printf_format.h"
+#include "trace/registry.h"
 #include "trace/shared_access.h"
 #include "trace/slot_access.h"
 #include "trace/slot_store.h"
 #include "trace/thread_ids.h"
 #include "trace/trace_system.h"
+#include "trace/user_ring.h"
 
 namespace nt {
 namespace {
 
 constexpr std::uint32_t kErrorClass = TRACE_SEVERITY_ERROR_CLASS;
-constexpr std::size_t kPathBufferSize = 4096;
+// Paths are looked at up to this many characters, as if copied into a
+// 4096-byte buffer with its last byte forced to zero.
+constexpr std::size_t kPathLimit = 4095;
 constexpr std::size_t kFormatBufferSize = 128;
 constexpr char kEmptyEntryText[] = "Trying to add empty trace entry";
 
-// The caller's source path reduced to its last component in buf, as the XPG
-// basename does ("a/b.c" gives "b.c", "a/b/" gives "b"). A null path is
-// treated as empty, which gives ".".
-const char* baseName(const char* file, char (&buf)[kPathBufferSize]) noexcept {
-  if (file == nullptr) file = "";
-  const std::size_t length = strnlen(file, kPathBufferSize - 1);
-  std::memcpy(buf, file, length);
-  buf[length] = '\0';
-  return basename(buf);
+// The base name of a source path, found in place: the XPG basename ("a/b.c"
+// gives "b.c", "a/b/" gives "b", "/" gives "/", an empty or null path ".")
+// of the path's first 4095 characters. `terminated` tells whether the name
+// ends where the caller's text ends, so that it can be used as a C string
+// as it stands; otherwise (trailing slashes, a path cut at 4095 characters)
+// only its first `length` characters count.
+struct BaseName {
+  const char* text;
+  std::size_t length;
+  bool terminated;
+};
+
+BaseName findBaseName(const char* file) noexcept {
+  if (file == nullptr || file[0] == '\0') return {".", 1, true};
+  const std::size_t pathLength = strnlen(file, kPathLimit);
+  const char* end = file + pathLength;
+  const bool whole = *end == '\0';
+  if (end[-1] != '/') {
+    // The common case: the name runs to the end of the path.
+    const auto* slash = static_cast<const char*>(memrchr(file, '/', pathLength));
+    const char* start = slash != nullptr ? slash + 1 : file;
+    return {start, static_cast<std::size_t>(end - start), whole};
+  }
+  const char* stop = end;
+  while (stop > file && stop[-1] == '/') --stop;
+  if (stop == file) return {"/", 1, true};  // nothing but slashes
+  const char* start = stop;
+  while (start > file && start[-1] != '/') --start;
+  return {start, static_cast<std::size_t>(stop - start), false};
 }
 
 bool traceEnabled() noexcept {
@@ -69,7 +91,7 @@ bool traceEnabled() noexcept {
 // The descriptor of a valid set id: the shared one of a user set, the
 // process's snapshot of a set of the SRAM file.
 TraceSetStruct* descriptorOf(std::uint16_t id) noexcept {
-  if (id == SYSTEM_TRACE_SET_ID || id == REMOTE_SYSTEM_TRACE_SET_ID) return getTraceSetStruct(id);
+  if (isSramSet(id)) return traceSetStruct(id);
   return userDescriptor(id);
 }
 
@@ -79,31 +101,26 @@ bool passesFilters(std::uint32_t severity, std::uint32_t category,
          (category & loadShared(&descriptor->categoryMask)) != 0;
 }
 
-// The text contents of a slot: length characters of text, zeros up to the
-// set's maximum, and the last byte of the maximum always zero.
-void storeText(std::uint8_t* dst, const char* text, std::size_t length,
-               std::size_t capacity) noexcept {
-  copyToSlot(dst, text, length);
-  zeroSlot(dst + length, capacity - length);
-  storeShared(dst + capacity - 1, std::uint8_t{0});
-}
+// One call of addTraceEntry or tracePrintf.
+struct Call {
+  std::uint16_t traceSetId;
+  std::uint32_t type;
+  std::uint32_t severity;
+  std::uint32_t category;
+  const char* file;
+  std::int32_t line;
+  std::uint32_t length;
+  const void* contents;
+};
 
-// Links the entry into the node-wide chain: it becomes the newest entry, and
-// its header records the one that was newest before it. Set and slot share
-// one aligned word of the header, swapped as a whole.
-void linkEntry(TraceMemoryHeader* h, TraceEntryHeader* slot, std::uint16_t setId,
-               std::uint16_t slotIndex) noexcept {
-  static_assert(offsetof(TraceMemoryHeader, lastEntryIndex) ==
-                offsetof(TraceMemoryHeader, lastTraceSetId) + 2);
-  std::uint16_t link[2] = {setId, slotIndex};
-  std::uint32_t newest;
-  std::memcpy(&newest, link, sizeof newest);
-  auto* word = reinterpret_cast<std::uint32_t*>(&h->lastTraceSetId);
-  const std::uint32_t previous = sharedRef(word).exchange(newest, std::memory_order_relaxed);
-  std::memcpy(link, &previous, sizeof previous);
-  storeShared(&slot->prevTraceSetId, link[0]);
-  storeShared(&slot->prevEntryIndex, link[1]);
-}
+// What the caller already knows of the set, so that nothing is looked up
+// or checked twice: for an entry that is not of the error class the id has
+// been validated, the descriptor looked up and (for a set other than 255)
+// the filters passed before the base name is looked for.
+struct Checked {
+  bool lookedUp = false;
+  TraceSetStruct* descriptor = nullptr;
+};
 
 struct RingWrite {
   int result;
@@ -113,18 +130,16 @@ struct RingWrite {
 
 // Writes one entry into the ring of a user set (or of the snapshot of
 // "NVJ_System", whose slot is then computed inside the shared mapping from
-// its file offset). Refuses, without writing, a slot outside the mapping's
-// entry area or not word-aligned: a damaged descriptor never makes the
-// writer store outside the shared memory or over its header and table.
-RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, std::uint16_t traceSetId,
-                      std::uint32_t type, std::uint32_t severity, std::uint32_t category, const char* fileName,
-                      std::int32_t line, std::uint32_t length, const void* contents,
-                      int result) noexcept {
-  TraceMemoryHeader* h = header();
-  if (!passesFilters(severity, category, descriptor)) return {result, length, false};
-  if (setType != type) return {TRACE_RC_TYPE_MISMATCH, length, false};
-  if (type == TS_STRING) {
-    length = contents == nullptr ? 0u : static_cast<std::uint16_t>(std::strlen(static_cast<const char*>(contents)));
+// its file offset). The filters have been passed. A slot outside the
+// mapping's entry area or not word-aligned is refused without writing: a
+// damaged descriptor never makes the writer store outside the shared memory
+// or over its header and table.
+RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, const Call& c, const char* fileName,
+                      std::size_t fileNameLength, int result) noexcept {
+  if (setType != c.type) return {TRACE_RC_TYPE_MISMATCH, c.length, false};
+  std::uint32_t length = c.length;
+  if (c.type == TS_STRING) {
+    length = c.contents == nullptr ? 0u : static_cast<std::uint16_t>(std::strlen(static_cast<const char*>(c.contents)));
   }
 
   // The ring's geometry is read once; only these locals are used below, so
@@ -133,90 +148,74 @@ RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, std::ui
   ring.capacity = loadShared(&descriptor->maxNumberEntries);
   ring.maxLength = loadShared(&descriptor->traceEntryContentsLength);
   ring.dataOffset = loadShared(&descriptor->dataOffset);
-  ring.slotSize = getTraceEntrySize(ring.maxLength);
+  ring.slotSize = slotSizeFor(ring.maxLength);
   const std::uint16_t maxLength = ring.maxLength;
   if (length > maxLength) length = maxLength;
-  if (length == 0 || contents == nullptr) {
-    return {addErrorTrace(TS_STRING, TRACE_CATEGORY_LIBRARY, fileName, static_cast<std::uint32_t>(line),
-                          kEmptyEntryText, static_cast<std::int16_t>(traceSetId),
+  if (length == 0 || c.contents == nullptr) {
+    return {addErrorTrace(TS_STRING, TRACE_CATEGORY_LIBRARY, fileName, static_cast<std::uint32_t>(c.line),
+                          kEmptyEntryText, static_cast<std::int16_t>(c.traceSetId),
                           static_cast<std::int32_t>(TRACE_SEVERITY_NOT)),
             length, false};
   }
 
-  // The slot is known before the counters move; a slot the mapping cannot
-  // serve drops the entry before anything changed. Another writer may move
-  // writeIndex between the look and the claim, so the claimed slot is
-  // checked again.
-  if (ringSlot(ring, loadShared(&descriptor->writeIndex)) == nullptr) {
-    return {TRACE_RC_NO_DESCRIPTOR, length, false};
-  }
-  countEntry(descriptor, ring.capacity);
-  const std::uint16_t used = claimSlot(descriptor, ring.capacity);
-  std::uint8_t* slot = ringSlot(ring, used);
-  if (slot == nullptr) return {TRACE_RC_NO_DESCRIPTOR, length, false};
-
-  TraceEntryHeader entry{};
-  stampFileName(entry, fileName);
-  entry.line = line;
-  entry.pid = static_cast<std::uint32_t>(currentPid());
-  entry.tid = static_cast<std::uint32_t>(currentTid());
-  entry.severity = static_cast<std::uint8_t>(severity);
-  entry.category = category;
-  entry.sequenceNumber = sharedRef(&h->totalNumberTraceEntries).fetch_add(1u, std::memory_order_relaxed);
-  entry.monotonicTime = monotonicTimestamp();
-  entry.contentsLength = static_cast<std::uint16_t>(length == maxLength ? length - 1u : length);
-  entry.realTime = realTimestamp();
-
-  std::uint8_t* contentsSlot = slot + TRACE_ENTRY_HEADER_SIZE;
-  if (type == TS_STRING) {
-    const char* text = static_cast<const char*>(contents);
-    storeText(contentsSlot, text, length, maxLength);
-    // A trailing line feed is not part of the entry. (At the maximum length
-    // the forced terminator has already replaced it.)
-    if (length < maxLength && text[length - 1] == '\n') {
-      storeShared(contentsSlot + length - 1, std::uint8_t{0});
-      --entry.contentsLength;
+  const EntryFields fields{fileName,
+                           fileNameLength,
+                           c.line,
+                           static_cast<std::uint32_t>(currentPid()),
+                           static_cast<std::uint32_t>(currentTid()),
+                           c.severity,
+                           c.category,
+                           monotonicTimestamp(),
+                           realTimestamp()};
+  const bool text = c.type == TS_STRING;
+  const auto* contents = static_cast<const std::uint8_t*>(c.contents);
+  const bool stored = appendEntry(header(), descriptor, ring, c.traceSetId, fields, Link::kNewest,
+                                  [&](std::uint8_t* slotContents) noexcept {
+    // A dump of the full length records one byte less; so does a text,
+    // whose last byte is the forced terminator.
+    auto recorded = static_cast<std::uint16_t>(length == maxLength ? length - 1u : length);
+    if (!text) {
+      copyToSlot(slotContents, contents, length);
+      return recorded;
     }
-  } else {
-    copyToSlot(contentsSlot, contents, length);
-  }
-  copyToSlot(slot, &entry, sizeof entry);
-  linkEntry(h, reinterpret_cast<TraceEntryHeader*>(slot), traceSetId, used);
+    // The text, zeros up to the set's maximum, the last byte of the maximum
+    // always zero. A trailing line feed is not part of the entry (at the
+    // maximum length the forced terminator has already replaced it).
+    copyToSlot(slotContents, contents, length);
+    zeroSlot(slotContents + length, maxLength - length);
+    storeShared(slotContents + maxLength - 1, std::uint8_t{0});
+    if (length < maxLength && contents[length - 1] == '\n') {
+      storeShared(slotContents + length - 1, std::uint8_t{0});
+      --recorded;
+    }
+    return recorded;
+  });
+  if (!stored) return {TRACE_RC_NO_DESCRIPTOR, length, false};
   return {result, length, true};
 }
 
-// The descriptor of a set id that a caller has already validated and
-// looked up, so that tracePrintf does not pay for it twice (for "NVJ_System"
-// the lookup reads the SRAM file).
-struct KnownSet {
-  TraceSetStruct* descriptor;
-};
-
-int addEntry(std::uint16_t traceSetId, std::uint32_t type, std::uint32_t severity,
-             std::uint32_t category, const char* file, std::int32_t line, std::uint32_t length,
-             const void* contents, const KnownSet* known = nullptr) noexcept {
-  if (!traceEnabled()) return 0;
-  char pathBuffer[kPathBufferSize];
-  const char* fileName = baseName(file, pathBuffer);
-
+// Everything after the filters, with the base name found.
+int writeEntry(const Call& c, const Checked& checked, const char* fileName, std::size_t fileNameLength) noexcept {
   int result = 0;
-  const bool errorClass = (severity & kErrorClass) != 0;
+  TraceSetStruct* descriptor = checked.descriptor;
+  const bool errorClass = (c.severity & kErrorClass) != 0;
   if (errorClass) {
-    result = addErrorTrace(type, category, fileName, static_cast<std::uint32_t>(line),
-                           static_cast<const char*>(contents), static_cast<std::int16_t>(traceSetId),
-                           static_cast<std::int32_t>(severity));
+    result = addErrorTrace(c.type, c.category, fileName, static_cast<std::uint32_t>(c.line),
+                           static_cast<const char*>(c.contents), static_cast<std::int16_t>(c.traceSetId),
+                           static_cast<std::int32_t>(c.severity));
   }
-  if (known == nullptr && isValidTraceSetId(traceSetId) == 0) return TRACE_RC_UNKNOWN_SET;
-  TraceSetStruct* descriptor = known != nullptr ? known->descriptor : descriptorOf(traceSetId);
+  if (!checked.lookedUp) {
+    if (!validTraceSetId(c.traceSetId)) return TRACE_RC_UNKNOWN_SET;
+    descriptor = descriptorOf(c.traceSetId);
+  }
   if (descriptor == nullptr) return result;
 
   // The set's type is read once: the ring write checks it and the
-  // forwarding below uses it, so a type changed meanwhile cannot make the
-  // bytes of a dump be forwarded as a text that has no end.
+  // forwarding below uses it.
   const std::uint32_t setType = loadShared(&descriptor->type);
-  if (!errorClass && traceSetId != SYSTEM_TRACE_SET_ID) {
-    const RingWrite written = writeToRing(descriptor, setType, traceSetId, type, severity, category, fileName,
-                                          line, length, contents, result);
+  std::uint32_t length = c.length;
+  if (!errorClass && c.traceSetId != SYSTEM_TRACE_SET_ID) {
+    const RingWrite written = writeToRing(descriptor, setType, c, fileName, fileNameLength, result);
     if (!written.forward) return written.result;
     result = written.result;
     length = written.length;
@@ -224,15 +223,135 @@ int addEntry(std::uint16_t traceSetId, std::uint32_t type, std::uint32_t severit
 
   // The set's name is copied out of the shared descriptor with its
   // terminator, so a damaged name cannot lead the lookup past it.
-  char name[TRACE_SET_NAME_LENGTH + 1] = {};
+  char name[TRACE_SET_NAME_LENGTH + 1];
   std::memcpy(name, descriptor->name, TRACE_SET_NAME_LENGTH);
-  // Contents are forwarded as text only when the caller gave text: a dump
-  // offered to a text set (possible for error-class entries, which skip the
-  // type check) has no terminator to stop at.
-  const std::uint32_t forwardedType = setType == TS_STRING && type != TS_STRING ? type : setType;
-  updateSyslogPrint(name, forwardedType, severity, category, fileName, line,
-                    static_cast<std::uint16_t>(length), contents);
+  name[TRACE_SET_NAME_LENGTH] = '\0';
+  // Routed by the set's type. Contents the caller offered as bytes (an
+  // error-class dump into a text set, which skips the type check) have no
+  // terminator to stop at: they are printed within their length.
+  forwardEntry(c.traceSetId, name, setType, c.severity, fileName, c.line, static_cast<std::uint16_t>(length),
+               c.contents, c.type == TS_STRING);
   return result;
+}
+
+// The rare base name that does not end where the caller's path ends
+// (trailing slashes, a path of 4096 characters or more): copied out and
+// terminated. Kept apart so that the common path does not carry its
+// 4096-byte buffer on the stack.
+[[gnu::noinline, gnu::cold]] int writeEntryWithCopiedName(const Call& c, const Checked& checked,
+                                                          BaseName base) noexcept {
+  char name[kPathLimit + 1];
+  std::memcpy(name, base.text, base.length);
+  name[base.length] = '\0';
+  return writeEntry(c, checked, name, base.length);
+}
+
+// The writer after the enable flag: the filters (unless the caller applied
+// them), then the base name, then the entry.
+int addEntry(const Call& c, Checked checked) noexcept {
+  if (!checked.lookedUp && (c.severity & kErrorClass) == 0) {
+    if (!validTraceSetId(c.traceSetId)) return TRACE_RC_UNKNOWN_SET;
+    checked.descriptor = descriptorOf(c.traceSetId);
+    checked.lookedUp = true;
+    if (checked.descriptor == nullptr) return 0;
+    if (c.traceSetId != SYSTEM_TRACE_SET_ID && !passesFilters(c.severity, c.category, checked.descriptor)) {
+      return 0;
+    }
+  }
+  const BaseName base = findBaseName(c.file);
+  if (!base.terminated) return writeEntryWithCopiedName(c, checked, base);
+  return writeEntry(c, checked, base.text, base.length);
+}
+
+}  // namespace
+}  // namespace nt
+
+namespace nt {
+namespace {
+
+// The first look at a call, before anything else and without a call or a
+// change of errno: the enable flag, and for an entry of a user set the
+// validity of its id and the filters. kDrop: the call returns 0 at once;
+// kStore: a user set whose filters the entry passed (descriptor known);
+// kAsk: anything else (start-up not done, no trace memory, the sets of the
+// SRAM file, an unknown id, an entry that is not filtered here), which the
+// full path decides.
+enum class Gate { kDrop, kStore, kAsk };
+
+struct Look {
+  Gate gate;
+  TraceSetStruct* descriptor;
+};
+
+// filterErrorClass: tracePrintf filters every entry but an error (0x80),
+// addTraceEntry none of the error class (they go to the error trace set
+// whatever the filters).
+inline Look lookAt(std::uint16_t traceSetId, std::uint32_t severity, std::uint32_t category,
+                   bool filterErrorClass) noexcept {
+  if (g_process.initialised.load(std::memory_order_acquire) == 0) return {Gate::kAsk, nullptr};
+  const TraceMemoryHeader* h = g_process.header;
+  if (h == nullptr) return {Gate::kAsk, nullptr};
+  if (loadShared(&h->traceEnabled) == 0) return {Gate::kDrop, nullptr};
+  const bool filtered = filterErrorClass ? severity != TRACE_SEVERITY_ERR : (severity & kErrorClass) == 0;
+  if (!filtered) return {Gate::kAsk, nullptr};
+  // The same test as isValidTraceSetId for a user set: below the number of
+  // sets (a damaged count held to the table's size).
+  const unsigned userSets = loadShared(&h->currentNumberTraceSets);
+  if (traceSetId >= userSets || traceSetId >= TRACE_MAX_TRACE_SETS) return {Gate::kAsk, nullptr};
+  TraceSetStruct* descriptor = userDescriptor(traceSetId);
+  if ((severity & loadShared(&h->severityMask)) == 0 || (category & loadShared(&descriptor->categoryMask)) == 0) {
+    return {Gate::kDrop, descriptor};
+  }
+  return {Gate::kStore, descriptor};
+}
+
+}  // namespace
+}  // namespace nt
+
+namespace nt {
+namespace {
+
+// The rest of addTraceEntry once the first look did not refuse the entry;
+// apart from the exported function, so that a refused call does not pay
+// for this part's stack frame and saved registers.
+[[gnu::noinline]] int addTraceEntryPastTheGate(Look look, std::uint16_t traceSetId, std::uint32_t type,
+                                               std::uint32_t severity, std::uint32_t category, const char* file,
+                                               std::int32_t line, std::va_list args) noexcept {
+  const ErrnoGuard keepErrno;
+  const auto length = static_cast<std::uint16_t>(va_arg(args, int));
+  const void* contents = va_arg(args, const void*);
+  const Call call{traceSetId, type, severity, category, file, line, length, contents};
+  if (look.gate == Gate::kStore) return addEntry(call, {true, look.descriptor});
+  if (!traceEnabled()) return 0;
+  return addEntry(call, {});
+}
+
+[[gnu::noinline]] int tracePrintfPastTheGate(Look look, std::uint16_t traceSetId, std::uint32_t severity,
+                                             std::uint32_t category, const char* file, std::int32_t line,
+                                             const char* format, std::va_list args) noexcept {
+  const ErrnoGuard keepErrno;
+  const int callerErrno = errno;
+  Checked checked{look.gate == Gate::kStore, look.descriptor};
+  if (!checked.lookedUp) {
+    if (!traceEnabled()) return 0;
+    // An error (0x80) or an entry of set 255 is formatted unlooked-at, as
+    // it goes to the error trace set whatever the filters.
+    if (traceSetId != SYSTEM_TRACE_SET_ID && severity != TRACE_SEVERITY_ERR) {
+      if (!validTraceSetId(traceSetId)) return TRACE_RC_UNKNOWN_SET;
+      checked.descriptor = descriptorOf(traceSetId);
+      checked.lookedUp = true;
+      if (checked.descriptor != nullptr && !passesFilters(severity, category, checked.descriptor)) return 0;
+    }
+  }
+  char text[kFormatBufferSize];
+  text[0] = '\0';
+  if (format != nullptr) {  // a null format gives an empty entry
+    // "%m" in the format prints the caller's errno, not one left behind by
+    // the start-up above.
+    errno = callerErrno;
+    formatText(text, sizeof text, format, args);
+  }
+  return addEntry({traceSetId, TS_STRING, severity, category, file, line, 0, text}, checked);
 }
 
 }  // namespace
@@ -242,41 +361,27 @@ extern "C" {
 
 NODETRACE_API int addTraceEntry(uint16_t traceSetId, uint32_t type, uint32_t severity,
                                 uint32_t category, const char* file, int32_t line, ...) {
-  const nt::ErrnoGuard keepErrno;
+  // A refused entry returns here, having changed nothing, errno included.
+  const nt::Look look = nt::lookAt(traceSetId, severity, category, false);
+  if (look.gate == nt::Gate::kDrop) return 0;
   va_list args;
   va_start(args, line);
-  const auto length = static_cast<std::uint16_t>(va_arg(args, int));
-  const void* contents = va_arg(args, const void*);
+  const int result = nt::addTraceEntryPastTheGate(look, traceSetId, type, severity, category, file, line, args);
   va_end(args);
-  return nt::addEntry(traceSetId, type, severity, category, file, line, length, contents);
+  return result;
 }
 
 NODETRACE_API int tracePrintf(uint16_t traceSetId, uint32_t severity, uint32_t category,
                               const char* file, int32_t line, const char* format, ...) {
-  const nt::ErrnoGuard keepErrno;
-  const int callerErrno = errno;
-  if (!nt::traceEnabled()) return 0;
-  // The filters are applied before any formatting: a filtered-out call
-  // costs a few loads.
-  const bool lookedUp = traceSetId != SYSTEM_TRACE_SET_ID && severity != TRACE_SEVERITY_ERR;
-  nt::KnownSet known{nullptr};
-  if (lookedUp) {
-    if (isValidTraceSetId(traceSetId) == 0) return TRACE_RC_UNKNOWN_SET;
-    known.descriptor = nt::descriptorOf(traceSetId);
-    if (known.descriptor != nullptr && !nt::passesFilters(severity, category, known.descriptor)) return 0;
-  }
-  char text[nt::kFormatBufferSize] = "";
-  if (format != nullptr) {  // a null format gives an empty entry
-    va_list args;
-    va_start(args, format);
-    // "%m" in the format prints the caller's errno, not one left behind by
-    // the start-up above.
-    errno = callerErrno;
-    nt::formatText(text, sizeof text, format, args);
-    va_end(args);
-  }
-  return nt::addEntry(traceSetId, TS_STRING, severity, category, file, line, 0, text,
-                      lookedUp ? &known : nullptr);
+  // The filters are applied before any formatting: a refused call costs a
+  // few loads and changes nothing, errno included.
+  const nt::Look look = nt::lookAt(traceSetId, severity, category, true);
+  if (look.gate == nt::Gate::kDrop) return 0;
+  va_list args;
+  va_start(args, format);
+  const int result = nt::tracePrintfPastTheGate(look, traceSetId, severity, category, file, line, format, args);
+  va_end(args);
+  return result;
 }
 
 }  // extern "C"

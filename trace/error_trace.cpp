@@ -25,6 +25,7 @@
 #include "trace/damage_policy.h"
 #include "trace/entry_stamp.h"
 #include "trace/node_names.h"
+#include "trace/node_sequence.h"
 #include "trace/scoped_handles.h"
 #include "trace/shared_access.h"
 #include "trace/source_file.h"
@@ -146,8 +147,7 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
 
   // The sequence number is taken here, so a rejected empty text below still
   // consumes it.
-  const std::uint32_t sequenceNumber = loadShared(&h->totalNumberTraceEntries);
-  storeShared(&h->totalNumberTraceEntries, sequenceNumber + 1);
+  const std::uint32_t sequenceNumber = takeSequenceNumber(h);
 
   if (kContentsLength <= prefixLength) {
     std::fprintf(stderr, "%s (%s,%u): negative  : traceEntryContentsLength:%d stroffset:%d\n",
@@ -173,8 +173,9 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
   entry.contentsLength = static_cast<std::uint16_t>(std::min<std::size_t>(length, kContentsLength - 1));
   entry.pid = static_cast<std::uint32_t>(getpid());
   entry.tid = static_cast<std::uint32_t>(gettid());
-  entry.prevTraceSetId = loadShared(&h->lastTraceSetId);
-  entry.prevEntryIndex = loadShared(&h->lastEntryIndex);
+  const EntryLink previous = newestLink(h);
+  entry.prevTraceSetId = previous.traceSetId;
+  entry.prevEntryIndex = previous.entryIndex;
   entry.realTime = realTimestamp();
 
   ScopedFd out(sys::open(path, O_WRONLY | O_SYNC | O_CLOEXEC));
@@ -201,8 +202,7 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
     }
   }
 
-  storeShared(&h->lastTraceSetId, SYSTEM_TRACE_SET_ID);
-  storeShared(&h->lastEntryIndex, slotIndex);
+  linkNewest(h, {SYSTEM_TRACE_SET_ID, slotIndex});
   return result;
 }
 

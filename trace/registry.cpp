@@ -30,7 +30,9 @@ constexpr const char* kRemoteSystemName = "NVJ_System";
 // The descriptor of the SRAM set asked for last by any thread of the process.
 // It is copied in word by word so that a thread reading it while another
 // thread refills it sees whole fields (of one descriptor or the other).
-TraceSetStruct g_sramSnapshot;
+// 8-byte aligned like the shared table, so that a writer can advance its
+// counters as one word (user_ring.h).
+alignas(8) TraceSetStruct g_sramSnapshot;
 
 void storeSnapshot(const TraceSetStruct& descriptor) noexcept {
   constexpr std::size_t kWords = sizeof(TraceSetStruct) / sizeof(std::uint32_t);
@@ -78,30 +80,34 @@ bool sameTraceSetName(const char* a, const char* b) noexcept {
   return std::strncmp(a, b, TRACE_SET_NAME_LENGTH) == 0;
 }
 
+bool validTraceSetId(std::uint16_t id) noexcept {
+  initTraceSystem();
+  if (id == SYSTEM_TRACE_SET_ID) return true;
+  if (id == REMOTE_SYSTEM_TRACE_SET_ID) return kRemoteTraceSupport;
+  if (static_cast<std::int16_t>(id) < 0) return false;
+  return id < userSetCount();
+}
+
+TraceSetStruct* traceSetStruct(std::uint16_t id) noexcept {
+  initTraceSystem();
+  if (id == SYSTEM_TRACE_SET_ID || (id == REMOTE_SYSTEM_TRACE_SET_ID && kRemoteTraceSupport)) {
+    return readSramDescriptor(id);
+  }
+  if (!validTraceSetId(id)) return nullptr;
+  return userDescriptor(id);
+}
+
 }  // namespace nt
 
 using nt::initTraceSystem;
 
 extern "C" {
 
-NODETRACE_API int needsRemoteTraceSupport(void) { return 1; }
+NODETRACE_API int needsRemoteTraceSupport(void) { return nt::kRemoteTraceSupport ? 1 : 0; }
 
-NODETRACE_API int isValidTraceSetId(uint16_t id) {
-  initTraceSystem();
-  if (id == SYSTEM_TRACE_SET_ID) return 1;
-  if (id == REMOTE_SYSTEM_TRACE_SET_ID) return needsRemoteTraceSupport() == 1 ? 1 : 0;
-  if (static_cast<int16_t>(id) < 0) return 0;
-  return id < nt::userSetCount() ? 1 : 0;
-}
+NODETRACE_API int isValidTraceSetId(uint16_t id) { return nt::validTraceSetId(id) ? 1 : 0; }
 
-NODETRACE_API TraceSetStruct* getTraceSetStruct(uint16_t id) {
-  initTraceSystem();
-  const bool sramSet =
-      id == SYSTEM_TRACE_SET_ID || (id == REMOTE_SYSTEM_TRACE_SET_ID && needsRemoteTraceSupport() == 1);
-  if (sramSet) return nt::readSramDescriptor(id);
-  if (isValidTraceSetId(id) != 1) return nullptr;
-  return nt::userDescriptor(id);
-}
+NODETRACE_API TraceSetStruct* getTraceSetStruct(uint16_t id) { return nt::traceSetStruct(id); }
 
 NODETRACE_API const char* getTraceSetName(uint16_t id) {
   initTraceSystem();

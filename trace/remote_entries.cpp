@@ -41,6 +41,7 @@
 #include "trace/errno_guard.h"
 #include "trace/error_trace.h"
 #include "trace/node_names.h"
+#include "trace/node_sequence.h"
 #include "trace/registry.h"
 #include "trace/scoped_handles.h"
 #include "trace/shared_access.h"
@@ -50,6 +51,7 @@
 #include "trace/syscalls.h"
 #include "trace/trace_lock.h"
 #include "trace/trace_system.h"
+#include "trace/user_ring.h"
 
 namespace nt {
 namespace {
@@ -74,23 +76,6 @@ TraceTimeStamp remoteStamp(const std::uint32_t* words) noexcept {
   return {htonl(words[0]), htonl(words[1])};
 }
 
-// The header's link to the newest entry of the node, read as one word so
-// that set and slot belong together.
-void readNewestLink(const TraceMemoryHeader* h, std::uint16_t& setId, std::uint16_t& slotIndex) noexcept {
-  std::uint16_t link[2];
-  const std::uint32_t word = loadShared(reinterpret_cast<const std::uint32_t*>(&h->lastTraceSetId));
-  std::memcpy(link, &word, sizeof link);
-  setId = link[0];
-  slotIndex = link[1];
-}
-
-void storeNewestLink(TraceMemoryHeader* h, std::uint16_t setId, std::uint16_t slotIndex) noexcept {
-  const std::uint16_t link[2] = {setId, slotIndex};
-  std::uint32_t word;
-  std::memcpy(&word, link, sizeof word);
-  storeShared(reinterpret_cast<std::uint32_t*>(&h->lastTraceSetId), word);
-}
-
 struct RemoteRecord {
   std::int16_t traceSetId;
   std::uint32_t severity;
@@ -104,34 +89,6 @@ struct RemoteRecord {
 };
 
 // ---- addRemoteEntry ---------------------------------------------------------
-
-// Fills the header of a slot in shared memory field by field. The bytes that
-// no field owns, byte 29 of the file name among them, keep what they hold.
-void fillSlotHeader(TraceEntryHeader* slot, const RemoteRecord& r, std::uint32_t sequenceNumber,
-                    std::uint16_t contentsLength) noexcept {
-  auto* name = reinterpret_cast<std::uint8_t*>(slot->fileName);
-  const std::size_t nameLength = r.fileName != nullptr ? strnlen(r.fileName, kFileNameLength) : 0;
-  if (nameLength > 0) copyToSlot(name, r.fileName, nameLength);
-  zeroSlot(name + nameLength, kFileNameLength - nameLength);
-  storeShared(&slot->line, static_cast<std::int32_t>(r.line));
-  storeShared(&slot->pid, static_cast<std::uint32_t>(r.pid));
-  storeShared(&slot->severity, static_cast<std::uint8_t>(r.severity));
-  storeShared(&slot->category, r.category);
-  storeShared(&slot->sequenceNumber, sequenceNumber);
-  storeShared(&slot->tid, static_cast<std::uint32_t>(r.tid));
-  const TraceTimeStamp monotonic = remoteStamp(r.monotonicTime);
-  storeShared(&slot->monotonicTime.seconds, monotonic.seconds);
-  storeShared(&slot->monotonicTime.nanoseconds, monotonic.nanoseconds);
-  storeShared(&slot->contentsLength, contentsLength);
-  std::uint16_t prevSet = 0;
-  std::uint16_t prevIndex = 0;
-  readNewestLink(header(), prevSet, prevIndex);
-  storeShared(&slot->prevTraceSetId, prevSet);
-  storeShared(&slot->prevEntryIndex, prevIndex);
-  const TraceTimeStamp real = remoteStamp(r.realTime);
-  storeShared(&slot->realTime.seconds, real.seconds);
-  storeShared(&slot->realTime.nanoseconds, real.nanoseconds);
-}
 
 int remoteSystemEntry(RemoteRecord r, const char* text) noexcept;
 
@@ -167,26 +124,32 @@ int remoteEntry(const RemoteRecord& r, std::uint16_t length, const void* data) n
     return 0;
   }
 
-  // The slot is known before the counters move. A damaged descriptor whose
-  // slot the mapping cannot serve (damage_policy.h) drops the record before
-  // anything changed; the claimed slot is checked again, as another writer
-  // may have moved writeIndex meanwhile.
+  // Appended by the ring module, as the entry writer appends: a damaged
+  // descriptor whose slot the mapping cannot serve (damage_policy.h) drops
+  // the record before anything changed. A remote record links to the newest
+  // entry but stays out of the chain.
   Ring ring;
   ring.capacity = loadShared(&descriptor->maxNumberEntries);
   ring.maxLength = maxLength;
   ring.dataOffset = loadShared(&descriptor->dataOffset);
-  ring.slotSize = getTraceEntrySize(maxLength);
-  if (ringSlot(ring, loadShared(&descriptor->writeIndex)) == nullptr) return 0;
-  countEntry(descriptor, ring.capacity);
-  const std::uint16_t used = claimSlot(descriptor, ring.capacity);
-  std::uint8_t* slot = ringSlot(ring, used);
-  if (slot == nullptr) return 0;
-  const std::uint32_t sequenceNumber =
-      sharedRef(&h->totalNumberTraceEntries).fetch_add(1u, std::memory_order_relaxed);
-
-  auto contentsLength = static_cast<std::uint16_t>(stored);
-  std::uint8_t* contents = slot + TRACE_ENTRY_HEADER_SIZE;
-  if (textSet) {
+  ring.slotSize = slotSizeFor(maxLength);
+  const std::size_t fileNameLength = r.fileName != nullptr ? strnlen(r.fileName, kFileNameLength) : 0;
+  const EntryFields fields{r.fileName != nullptr ? r.fileName : "",
+                           fileNameLength,
+                           static_cast<std::int32_t>(r.line),
+                           static_cast<std::uint32_t>(r.pid),
+                           static_cast<std::uint32_t>(r.tid),
+                           r.severity,
+                           r.category,
+                           remoteStamp(r.monotonicTime),
+                           remoteStamp(r.realTime)};
+  const bool appended = appendEntry(h, descriptor, ring, id, fields, Link::kBehindNewest,
+                                  [&](std::uint8_t* contents) noexcept {
+    auto contentsLength = static_cast<std::uint16_t>(stored);
+    if (!textSet) {
+      copyToSlot(contents, data, stored);
+      return contentsLength;
+    }
     // Zero-padded over the set's maximum; a text that fills it keeps no
     // terminator. One trailing line feed is dropped.
     const char* text = static_cast<const char*>(data);
@@ -197,10 +160,9 @@ int remoteEntry(const RemoteRecord& r, std::uint16_t length, const void* data) n
       storeShared(contents + stored - 1, std::uint8_t{0});
       --contentsLength;
     }
-  } else {
-    copyToSlot(contents, data, stored);
-  }
-  fillSlotHeader(reinterpret_cast<TraceEntryHeader*>(slot), r, sequenceNumber, contentsLength);
+    return contentsLength;
+  });
+  if (!appended) return 0;
 
   const int priority = severityToSyslogPriority(r.severity);
   if (textSet) {
@@ -315,8 +277,7 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
     descriptor.writeIndex = static_cast<std::uint16_t>((descriptor.writeIndex + 1) % descriptor.maxNumberEntries);
   }
   // Taken here, so a rejected empty text below still consumes it.
-  const std::uint32_t sequenceNumber =
-      sharedRef(&h->totalNumberTraceEntries).fetch_add(1u, std::memory_order_relaxed);
+  const std::uint32_t sequenceNumber = takeSequenceNumber(h);
 
   // The text itself goes into the contents only for a set whose entries are
   // shorter than 128 bytes. The region is created with 128, so there the
@@ -342,11 +303,9 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
   entry.monotonicTime = remoteStamp(r.monotonicTime);
   entry.realTime = remoteStamp(r.realTime);
   entry.contentsLength = length;
-  std::uint16_t prevSet = 0;
-  std::uint16_t prevIndex = 0;
-  readNewestLink(h, prevSet, prevIndex);
-  entry.prevTraceSetId = prevSet;
-  entry.prevEntryIndex = prevIndex;
+  const EntryLink previous = newestLink(h);
+  entry.prevTraceSetId = previous.traceSetId;
+  entry.prevEntryIndex = previous.entryIndex;
 
   ScopedFd out(sys::open(path, O_WRONLY | O_SYNC | O_CLOEXEC));
   if (!out.valid()) {
@@ -376,7 +335,7 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
     }
   }
 
-  storeNewestLink(h, REMOTE_SYSTEM_TRACE_SET_ID, slotIndex);
+  linkNewest(h, {REMOTE_SYSTEM_TRACE_SET_ID, slotIndex});
   return {result, false};
 }
 

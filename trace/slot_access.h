@@ -33,6 +33,13 @@ Record loadRecord(const Record* shared) noexcept {
   return copy;
 }
 
+// getTraceEntrySize for the library's own callers: the contents length
+// rounded up to 4, plus the 80-byte entry header.
+inline constexpr std::uint32_t slotSizeFor(std::uint16_t maxLength) noexcept {
+  return ((maxLength + 3u) & ~3u) + TRACE_ENTRY_HEADER_SIZE;
+}
+static_assert(slotSizeFor(128) == 208 && slotSizeFor(1600) == 1680 && slotSizeFor(1) == 84);
+
 // The ring geometry of a set, read once from its descriptor.
 struct Ring {
   std::uint16_t capacity = 0;    // maxNumberEntries
@@ -50,7 +57,7 @@ inline Ring ringOf(const TraceSetStruct* descriptor) noexcept {
   ring.writeIndex = loadShared(&descriptor->writeIndex);
   ring.current = loadShared(&descriptor->curentNumberEntries);
   ring.dataOffset = loadShared(&descriptor->dataOffset);
-  ring.slotSize = getTraceEntrySize(ring.maxLength);
+  ring.slotSize = slotSizeFor(ring.maxLength);
   return ring;
 }
 

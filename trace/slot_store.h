@@ -1,9 +1,5 @@
-// The ring bookkeeping of user trace sets in shared memory and the stores
-// into their slots, shared by the writers of local and remote entries.
-//
-// The ring counters are advanced with atomic read-modify-write operations
-// rather than separate loads and stores, so two writers of one set never
-// claim the same slot; for a single writer the result is the same.
+// The stores into the slots of user trace sets in shared memory, shared by
+// the writers of local and remote entries (user_ring.h).
 //
 // Readers in other processes may copy a slot while it is being written and
 // accept a mix of old and new bytes, so plain copies are what the design asks
@@ -20,28 +16,6 @@
 #include "trace/shared_access.h"
 
 namespace nt {
-
-// Claims the next slot of the ring: returns the slot the entry goes to and
-// advances writeIndex past it. A ring of capacity 0 keeps its index.
-inline std::uint16_t claimSlot(TraceSetStruct* descriptor, std::uint16_t capacity) noexcept {
-  auto writeIndex = sharedRef(&descriptor->writeIndex);
-  std::uint16_t used = writeIndex.load(std::memory_order_relaxed);
-  if (capacity == 0) return used;
-  while (!writeIndex.compare_exchange_weak(
-      used, static_cast<std::uint16_t>((used + 1u) % capacity), std::memory_order_relaxed)) {
-  }
-  return used;
-}
-
-inline void countEntry(TraceSetStruct* descriptor, std::uint16_t capacity) noexcept {
-  auto current = sharedRef(&descriptor->curentNumberEntries);
-  std::uint16_t count = current.load(std::memory_order_relaxed);
-  while (count < capacity &&
-         !current.compare_exchange_weak(count, static_cast<std::uint16_t>(count + 1u),
-                                        std::memory_order_relaxed)) {
-  }
-  sharedRef(&descriptor->totalNumberEntries).fetch_add(1u, std::memory_order_relaxed);
-}
 
 // Copies into and clears bytes of a slot.
 #if defined(__SANITIZE_THREAD__)

@@ -4,13 +4,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
-
 namespace nt {
-namespace {
+namespace ids_detail {
 
 std::atomic<pid_t> g_pid{0};
-thread_local pid_t t_tid = 0;
+thread_local pid_t t_tid [[gnu::tls_model("initial-exec")]] = 0;
+
+namespace {
 
 void forgetIdsInChild() noexcept {
   g_pid.store(0, std::memory_order_relaxed);
@@ -25,22 +25,18 @@ void registerForkHandler() noexcept {
 
 }  // namespace
 
-pid_t currentPid() noexcept {
-  pid_t pid = g_pid.load(std::memory_order_relaxed);
-  if (pid == 0) {
-    registerForkHandler();
-    pid = getpid();
-    g_pid.store(pid, std::memory_order_relaxed);
-  }
+pid_t fetchPid() noexcept {
+  registerForkHandler();
+  const pid_t pid = getpid();
+  g_pid.store(pid, std::memory_order_relaxed);
   return pid;
 }
 
-pid_t currentTid() noexcept {
-  if (t_tid == 0) {
-    registerForkHandler();
-    t_tid = static_cast<pid_t>(syscall(SYS_gettid));
-  }
+pid_t fetchTid() noexcept {
+  registerForkHandler();
+  t_tid = static_cast<pid_t>(syscall(SYS_gettid));
   return t_tid;
 }
 
+}  // namespace ids_detail
 }  // namespace nt

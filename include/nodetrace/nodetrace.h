@@ -268,9 +268,12 @@ NODETRACE_API void setRefClock(void);
 NODETRACE_API void getTraceEntry(int16_t traceSetId, uint16_t index, TraceEntryHeader **entry,
                                  void *contents);
 
-/** Where the newest entry of the node was written: its set (-1 while no
- *  entry exists, and for a damaged link that names no set or a slot beyond
- *  its set's ring), its slot, and the number of entries ever written. */
+/** Where the newest entry of the node was written, as the trace memory
+ *  header holds it: lastTraceSetId as a signed 16-bit id (0xFFFF, stored
+ *  while no entry exists, arrives as -1), lastEntryIndex and
+ *  totalNumberTraceEntries. No checks: a link that names no existing set or
+ *  slot is handed out unchanged (0xFFFE arrives as -2); getTraceEntry and
+ *  the search refuse what does not exist. */
 NODETRACE_API void getRecentEntry(int16_t *traceSetId, uint16_t *index, uint32_t *total);
 
 /* ---- Reports on standard output ------------------------------------------ */

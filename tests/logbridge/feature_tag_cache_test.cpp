@@ -2,7 +2,6 @@
 // kept row is used only while the set's name is still the row's name, a
 // name no row holds is looked up (with its diagnostic line) every time, and
 // threads and forked children of one process share the kept rows safely.
-#include <cerrno>
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -48,7 +47,7 @@ class FeatureTagCacheTest : public NodeTest {
   static int forward(std::uint16_t id, const char* set, const std::string& text,
                      std::uint32_t severity = TRACE_SEVERITY_INF) {
     return forwardEntry(id, set, TS_STRING, severity, "radio.c", 42, static_cast<std::uint16_t>(text.size() + 1),
-                        text.c_str());
+                        text.c_str(), true);
   }
 
   std::string logText() const {
@@ -74,9 +73,7 @@ std::string line(std::uint32_t level, std::uint32_t tag, const std::string& text
 
 TEST_F(FeatureTagCacheTest, FoundRowIsKeptByIdAndUsedForLaterEntries) {
   EXPECT_EQ(cachedFeatureTagRow(3), -1);
-  errno = 77;
   EXPECT_EQ(forward(3, "Radio", "one"), 0);
-  EXPECT_EQ(errno, 77);
   EXPECT_EQ(cachedFeatureTagRow(3), 22);
   EXPECT_EQ(forward(3, "Radio", "two"), 0);
   EXPECT_EQ(forward(3, "RADIO", "three"), 0);  // the same row, in another case
@@ -147,7 +144,7 @@ TEST_F(FeatureTagCacheTest, ErrorEntryStillLooksUpItsSetAndGoesOutUnderSystem) {
 
 TEST_F(FeatureTagCacheTest, DumpSetIsForwardedAsBeforeAndKeepsItsRow) {
   const std::uint8_t bytes[3] = {1, 2, 0xFF};
-  EXPECT_EQ(forwardEntry(8, "Optical", TS_DUMP, TRACE_SEVERITY_DBG, "o.c", 1, sizeof bytes, bytes), 0);
+  EXPECT_EQ(forwardEntry(8, "Optical", TS_DUMP, TRACE_SEVERITY_DBG, "o.c", 1, sizeof bytes, bytes, false), 0);
   const std::vector<PlatformCall> dumps = platformCalls("ZqSysLogPrintHD");
   ASSERT_EQ(dumps.size(), 1u);
   EXPECT_EQ(dumps[0].text, "QMB Optical DUMP");

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "nodetrace/logbridge.h"
 #include "tests/support/recording_platform.h"
 #include "tests/trace/dump_decoder.h"
 #include "tests/trace/store_fixture.h"
@@ -382,30 +383,45 @@ TEST_F(DamagedStoreTest, DumpsOfASetCountAbove200CountTheirOwnDescriptors) {
 
 // ---- lastTraceSetId and prev links that name nothing ------------------------------------
 
-TEST_F(DamagedStoreTest, TheNewestEntryNamingNothingIsNoEntry) {
+TEST_F(DamagedStoreTest, TheNewestEntryIsReportedAsStoredWhateverItNames) {
   const std::int16_t id = filledSet("Radio", 2);
   std::int16_t set = 0;
   std::uint16_t index = 0;
   std::uint32_t total = 0;
-  for (const std::uint16_t damaged : {std::uint16_t{1}, std::uint16_t{150}, std::uint16_t{253}, std::uint16_t{0x8000}}) {
-    storeShared(&header()->lastTraceSetId, damaged);
-    storeShared(&header()->lastEntryIndex, 1);
+  // Ids that name no existing set arrive as signed 16-bit ids, the slot
+  // unchanged.
+  const struct {
+    std::uint16_t stored;
+    std::int16_t reported;
+  } links[] = {{1, 1}, {150, 150}, {253, 253}, {0x8000, -32768}, {0xFFFE, -2}, {0xFFFF, -1}};
+  for (const auto& link : links) {
+    storeShared(&header()->lastTraceSetId, link.stored);
+    storeShared(&header()->lastEntryIndex, 0x1234);
+    set = 0;
+    index = 0;
+    total = 0;
     getRecentEntry(&set, &index, &total);
-    EXPECT_EQ(set, -1) << damaged;
-    EXPECT_EQ(index, 0);
-    EXPECT_EQ(total, 2u);
+    EXPECT_EQ(set, link.reported) << link.stored;
+    EXPECT_EQ(index, 0x1234) << link.stored;
+    EXPECT_EQ(total, 2u) << link.stored;
   }
   // A slot beyond the set's ring.
   storeShared(&header()->lastTraceSetId, static_cast<std::uint16_t>(id));
   storeShared(&header()->lastEntryIndex, 4);
   getRecentEntry(&set, &index, &total);
-  EXPECT_EQ(set, -1);
-  EXPECT_EQ(index, 0);
+  EXPECT_EQ(set, id);
+  EXPECT_EQ(index, 4);
+  // Following such a link finds nothing.
+  TraceEntryHeader* entry = nullptr;
+  std::vector<std::uint8_t> contents(TRACE_MAX_DUMP_LENGTH);
+  getTraceEntry(set, index, &entry, contents.data());
+  EXPECT_EQ(entry, nullptr);
+  getTraceEntry(-2, 0, &entry, contents.data());
+  EXPECT_EQ(entry, nullptr);
   storeShared(&header()->lastEntryIndex, 3);
   getRecentEntry(&set, &index, &total);
   EXPECT_EQ(set, id);
   EXPECT_EQ(index, 3);
-  // The sets of the SRAM file always name a set.
   storeShared(&header()->lastTraceSetId, REMOTE_SYSTEM_TRACE_SET_ID);
   getRecentEntry(&set, &index, &total);
   EXPECT_EQ(set, static_cast<std::int16_t>(REMOTE_SYSTEM_TRACE_SET_ID));
@@ -619,16 +635,20 @@ TEST_F(DamagedStoreTest, SramSetsWithoutCapacityOrWithHugeCountsAreWalkedSafely)
 
 // ---- the type of a set ------------------------------------------------------------------
 
-TEST_F(DamagedStoreTest, BytesOfADumpAreNeverForwardedAsAText) {
+TEST_F(DamagedStoreTest, BytesOfADumpOfferedToATextSetAreForwardedWithinTheirLength) {
   // A text set: a warning dump skips the type check of the ring (it goes to
-  // the error trace set) and is forwarded within its length, as bytes.
+  // the error trace set) and is forwarded as the set's text line, its bytes
+  // printed within their length (the buffer holds exactly those bytes).
   const std::int16_t id = filledSet("Radio", 0);
   const auto bytes = std::make_unique<std::uint8_t[]>(5);  // no terminator
   std::memset(bytes.get(), 'A', 5);
   clearPlatformCalls();
   EXPECT_EQ(addTraceEntry(static_cast<std::uint16_t>(id), TS_DUMP, TRACE_SEVERITY_WAR, 1, "d.c", 1, 5, bytes.get()), 0);
-  EXPECT_EQ(platformCalls("ZqSysLogPrintHD").size(), 1u);
-  EXPECT_TRUE(platformCalls("ZqSysLogPrintE").empty());
+  EXPECT_TRUE(platformCalls("ZqSysLogPrintHD").empty());
+  const auto lines = platformCalls("ZqSysLogPrintE");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].text, "d.c:1 [AAAAA]");
+  EXPECT_EQ(lines[0].numbers, (std::vector<long long>{3, static_cast<long long>(getHBKFeatureTag("Radio"))}));
 }
 
 // ---- missing pointers -------------------------------------------------------------------

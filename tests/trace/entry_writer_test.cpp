@@ -5,6 +5,7 @@
 // to the platform log service, errno, and writers of several threads and
 // processes at once.
 #include <arpa/inet.h>
+#include <libgen.h>
 #include <printf.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -252,6 +253,94 @@ TEST_F(WriterTest, FileNameIsTheBaseNameAsThePosixFunctionGivesIt) {
   EXPECT_STREQ(slot(id, 4).header.fileName, ".");
 }
 
+// The base name as the XPG basename gives it for the path's first 4095
+// characters, which is what the writer stores (at most 29 of them) and
+// forwards (all of them).
+std::string xpgBaseName(const std::string& path) {
+  std::vector<char> copy(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(path.size(), 4095)));
+  copy.push_back('\0');
+  return basename(copy.data());
+}
+
+TEST_F(WriterTest, AwkwardPathsGiveTheXpgBaseNameStoredAndForwarded) {
+  const std::int16_t id = createSet("Equip", TS_STRING, 16, 128);
+  const std::string longName = pattern(5000);
+  const std::string longPath = "dir/" + longName;                           // cut inside the name
+  const std::string cutAtSlash = std::string(4090, 'x') + "/abcd/efgh";      // cut after "abcd/"
+  const std::string cutTrailing = std::string(4093, 'y') + "/z/";            // ... "/z" left after the cut
+  const struct {
+    std::string path;
+    std::string expected;
+  } paths[] = {{"a/b/", "b"},
+               {"/", "/"},
+               {"", "."},
+               {"b.c", "b.c"},
+               {"a/b.c///", "b.c"},
+               {"//", "/"},
+               {"///", "/"},
+               {"//a", "a"},
+               {"a//b", "b"},
+               {"./", "."},
+               {longName, longName.substr(0, 4095)},
+               {longPath, longName.substr(0, 4091)},
+               {cutAtSlash, "abcd"},
+               {cutTrailing, "z"}};
+  unsigned index = 0;
+  for (const auto& p : paths) {
+    SCOPED_TRACE(p.path.size() < 40 ? p.path : std::to_string(p.path.size()) + " characters");
+    // The expected values are those of the XPG basename itself.
+    EXPECT_EQ(xpgBaseName(p.path), p.expected);
+    clearPlatformCalls();
+    EXPECT_EQ(tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_INF, 1, p.path.c_str(), 7, "x"), 0);
+    const std::string expected = xpgBaseName(p.path);
+    char stored[30] = {};
+    std::memcpy(stored, expected.data(), std::min<std::size_t>(expected.size(), 29));
+    EXPECT_EQ(0, std::memcmp(slot(id, index).header.fileName, stored, sizeof stored));
+    const auto lines = platformCalls("ZqSysLogPrintE");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].text, expected + ":7 [x]");
+    ++index;
+  }
+}
+
+TEST_F(WriterTest, UnusedHeaderBytesKeepWhatTheSlotHeld) {
+  const std::int16_t text = createSet("Equip", TS_STRING, 4, 128);
+  const std::int16_t dump = createSet("Dumps", TS_DUMP, 4, 16);
+  for (const std::int16_t id : {text, dump}) {
+    const TraceSetStruct d = descriptor(id);
+    std::memset(g_process.base + d.dataOffset, 0xA5, getTraceEntrySize(d.traceEntryContentsLength));
+  }
+  tracePrintf(static_cast<std::uint16_t>(text), TRACE_SEVERITY_INF, 0x30, "dir/unused.c", 77, "value %d", 5);
+  const Bytes data = {1, 2, 3};
+  addTraceEntry(static_cast<std::uint16_t>(dump), TS_DUMP, TRACE_SEVERITY_DBG | TRACE_SEVERITY_INF, 0x30,
+                "unused.c", 78, 3, data.data());
+  for (const std::int16_t id : {text, dump}) {
+    const Slot s = slot(id, 0);
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&s.header);
+    for (const unsigned offset : {30u, 31u, 41u, 42u, 43u, 70u, 71u}) {
+      EXPECT_EQ(bytes[offset], 0xA5) << "set " << id << " byte " << offset;
+    }
+    // The named fields are all written: the name with its zero padding,
+    // byte 29 included.
+    char expectedName[30] = "unused.c";
+    EXPECT_EQ(0, std::memcmp(s.header.fileName, expectedName, sizeof expectedName));
+    EXPECT_EQ(s.header.category, 0x30u);
+    EXPECT_EQ(s.header.prevTraceSetId, id == text ? 0xFFFF : text);
+    EXPECT_EQ(s.header.prevEntryIndex, 0);
+  }
+  EXPECT_EQ(slot(text, 0).header.line, 77);
+  EXPECT_EQ(slot(text, 0).header.contentsLength, 7);
+  EXPECT_EQ(slot(text, 0).header.sequenceNumber, 0u);
+  EXPECT_EQ(slot(text, 0).header.severity, 0x20);
+  EXPECT_EQ(slot(dump, 0).header.line, 78);
+  EXPECT_EQ(slot(dump, 0).header.contentsLength, 3);
+  EXPECT_EQ(slot(dump, 0).header.sequenceNumber, 1u);
+  EXPECT_EQ(slot(dump, 0).header.severity, 0x30);
+  // The dump's contents beyond its length keep the pattern too.
+  EXPECT_EQ(slot(dump, 0).contents, (Bytes{1, 2, 3, 0xA5, 0xA5, 0xA5, 0xA5, 0xA5, 0xA5, 0xA5, 0xA5, 0xA5, 0xA5,
+                                           0xA5, 0xA5, 0xA5}));
+}
+
 TEST_F(WriterTest, ThreadsAndChildProcessesStampTheirOwnIds) {
   const std::int16_t id = createSet("Equip", TS_STRING, 8, 128);
   std::uint32_t threadTid = 0;
@@ -328,6 +417,32 @@ TEST_F(WriterTest, ErrorTraceRecordsTakeSequenceNumbersToo) {
   EXPECT_EQ(s.header.sequenceNumber, 1u);
   EXPECT_EQ(s.header.prevTraceSetId, SYSTEM_TRACE_SET_ID);
   EXPECT_EQ(s.header.prevEntryIndex, 0);
+}
+
+TEST_F(WriterTest, ErrorEntriesRacingUserEntriesNeverShareASequenceNumber) {
+  constexpr unsigned kUserEntries = 3000;
+  constexpr unsigned kErrorEntries = 40;
+  const std::int16_t id = createSet("Equip", TS_STRING, kUserEntries, 128);
+  std::thread errors([&] {
+    for (unsigned i = 0; i < kErrorEntries; ++i) {
+      tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_WAR, 1, "race.c", static_cast<std::int32_t>(i),
+                  "error %u", i);
+    }
+  });
+  for (unsigned i = 0; i < kUserEntries; ++i) {
+    tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_INF, 1, "race.c", static_cast<std::int32_t>(i),
+                "user %u", i);
+  }
+  errors.join();
+
+  std::set<std::uint32_t> numbers;
+  for (unsigned i = 0; i < kUserEntries; ++i) numbers.insert(slot(id, i).header.sequenceNumber);
+  ASSERT_EQ(errorEntries(), kErrorEntries);
+  for (unsigned i = 0; i < kErrorEntries; ++i) numbers.insert(readSramEntry(sram(), 0, i).header.sequenceNumber);
+  // Every number from 0 up was given once.
+  EXPECT_EQ(numbers.size(), kUserEntries + kErrorEntries);
+  EXPECT_EQ(*numbers.rbegin(), kUserEntries + kErrorEntries - 1);
+  EXPECT_EQ(getTotalNumberTraceEntries(), kUserEntries + kErrorEntries);
 }
 
 TEST_F(WriterTest, SetWithoutSlotsWritesAtItsDataOffsetAndNeverMovesItsIndex) {
@@ -543,6 +658,37 @@ TEST_F(WriterTest, ErrorDumpIsForwardedAsATextLineUnderTheSystemTag) {
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].text, "d.c:8 [ABC]");
   EXPECT_EQ(lines[0].numbers, (std::vector<long long>{4, 0x1A001E}));
+}
+
+TEST_F(WriterTest, ErrorClassDumpIntoATextSetIsForwardedAsTheSetsTextLine) {
+  const char* family = hbk_syslog_map[5].name;
+  const std::int16_t id = createSet(family, TS_STRING, 4, 128);
+  EXPECT_EQ(addTraceEntry(static_cast<std::uint16_t>(id), TS_DUMP, TRACE_SEVERITY_WAR, 1, "t.c", 2, 4, "abcd"), 0);
+  EXPECT_TRUE(platformCalls("ZqSysLogPrintHD").empty());
+  auto lines = platformCalls("ZqSysLogPrintE");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].text, "t.c:2 [abcd]");
+  EXPECT_EQ(lines[0].numbers, (std::vector<long long>{3, 0x1A0005}));
+
+  // Bytes without a zero byte are printed up to their length and never read
+  // past it (the buffer holds exactly those bytes); bytes with a zero byte
+  // up to it.
+  clearPlatformCalls();
+  const std::vector<char> bytes = {'w', 'x', 'y', 'z', 'q'};
+  addTraceEntry(static_cast<std::uint16_t>(id), TS_DUMP, TRACE_SEVERITY_NOT, 1, "t.c", 3, 3, bytes.data());
+  const std::vector<char> zero = {'a', 'b', '\0', 'c'};
+  addTraceEntry(static_cast<std::uint16_t>(id), TS_DUMP, TRACE_SEVERITY_WAR, 1, "t.c", 4, 4, zero.data());
+  const std::vector<char> exact = {'e', 'x', 'a', 'c', 't'};
+  addTraceEntry(static_cast<std::uint16_t>(id), TS_DUMP, TRACE_SEVERITY_WAR, 1, "t.c", 5, 5, exact.data());
+  lines = platformCalls("ZqSysLogPrintE");
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0].text, "t.c:3 [wxy]");
+  EXPECT_EQ(lines[0].numbers, (std::vector<long long>{2, 0x1A0005}));
+  EXPECT_EQ(lines[1].text, "t.c:4 [ab]");
+  EXPECT_EQ(lines[2].text, "t.c:5 [exact]");
+  // None of them is stored anywhere: the error trace set keeps text only.
+  EXPECT_EQ(descriptor(id).totalNumberEntries, 0u);
+  EXPECT_EQ(errorEntries(), 0);
 }
 
 // ---- errno -------------------------------------------------------------------
