@@ -37,6 +37,7 @@
 #include "trace/shared_access.h"
 #include "trace/slot_access.h"
 #include "trace/slot_store.h"
+#include "trace/test_points.h"
 #include "trace/thread_ids.h"
 #include "trace/trace_system.h"
 
@@ -153,6 +154,7 @@ RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, std::ui
   const std::uint16_t used = claimSlot(descriptor, ring.capacity);
   std::uint8_t* slot = ringSlot(ring, used);
   if (slot == nullptr) return {TRACE_RC_NO_DESCRIPTOR, length, false};
+  NT_TEST_POINT(kUserSlotClaimed);
 
   TraceEntryHeader entry{};
   stampFileName(entry, fileName);
@@ -179,7 +181,9 @@ RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, std::ui
   } else {
     copyToSlot(contentsSlot, contents, length);
   }
+  NT_TEST_POINT(kUserContentsWritten);
   copyToSlot(slot, &entry, sizeof entry);
+  NT_TEST_POINT(kUserHeaderWritten);
   linkEntry(h, reinterpret_cast<TraceEntryHeader*>(slot), traceSetId, used);
   return {result, length, true};
 }

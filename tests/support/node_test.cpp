@@ -19,6 +19,7 @@
 #include "trace/node_names.h"
 #include "trace/shared_access.h"
 #include "trace/syscalls.h"
+#include "trace/test_points.h"
 #include "trace/trace_lock.h"
 #include "trace/trace_system.h"
 
@@ -53,9 +54,12 @@ void NodeTest::SetUp() {
   resetPlatformDouble();
   sys::resetSyslogCapture();
   resetLogBridgeForTests();  // its paths follow the node names just set
+  setLockDeadlineMillisecondsForTests(kTestLockDeadlineMilliseconds);
 }
 
 void NodeTest::TearDown() {
+  setTestPointHook(nullptr);
+  setLockDeadlineMillisecondsForTests(0);
   resetProcessStateForTests();
   shm_unlink(shmName_.c_str());
   sem_unlink(semaphoreName_.c_str());

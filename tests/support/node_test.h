@@ -21,6 +21,12 @@ namespace nt::test {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// The lock deadline of the tests: NodeTest shortens the real 5 seconds to
+// this, so that a test that waits one out does not wait long. A test that
+// needs the real deadline sets it back with
+// setLockDeadlineMillisecondsForTests(0).
+inline constexpr long kTestLockDeadlineMilliseconds = 1000;
+
 class NodeTest : public ::testing::Test {
  protected:
   void SetUp() override;
