@@ -558,7 +558,7 @@ class StartupRecoveryTest : public NodeTest {
 
   // Runs a process's first trace call in a child: 0 when it returned
   // within limit, having mapped the object.
-  static int startInChild(std::chrono::seconds atLeast, std::chrono::seconds below) {
+  static int startInChild(std::chrono::milliseconds atLeast, std::chrono::milliseconds below) {
     return runInChildWithin(kStuck, [atLeast, below] {
       const auto start = Clock::now();
       getCurrentNumberTraceSets();
