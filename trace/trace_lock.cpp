@@ -125,6 +125,9 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
   timespec sliceEnd = later(start, kHolderCheckMilliseconds);
   for (;;) {
     const bool lastSlice = !before(sliceEnd, deadline);
+    // Set when a hold that nobody had recorded is seen taken over by a
+    // waiter: the claimer holds the lock for one operation and then posts.
+    bool claimedByOther = false;
     if (waitUntil(semaphore, lastSlice ? deadline : sliceEnd) == 0) {
       NT_TEST_POINT(kLockSemaphoreTaken);
       if (h == nullptr) return 0;
@@ -134,6 +137,7 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
       }
       // The token is a claimer's (see above): wait again.
       unrecorded = false;
+      claimedByOther = true;
     } else if (h != nullptr) {
       // After a release on behalf of a dead holder the semaphore is free:
       // one more try, even when the deadline has passed meanwhile.
@@ -142,21 +146,25 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
         continue;
       }
       const HolderIdentity holder = loadHolder(h);
-      if (holderTid(holder) != 0) unrecorded = false;
-      if (lastSlice && unrecorded) {
+      if (holderTid(holder) != 0) {
+        claimedByOther = unrecorded;
+        unrecorded = false;
+      } else if (lastSlice && unrecorded) {
         if (claimUnrecordedHold(h, holder, me)) {
           absorbFreeToken(semaphore);
           NT_TEST_POINT(kLockHolderRecorded);
           return 0;
         }
-        // Another waiter claimed it first; it holds the lock for one
-        // operation and then posts.
-        if (!extended) {
-          extended = true;
-          unrecorded = false;
-          deadline = deadlineAfter(now(CLOCK_REALTIME));
-        }
+        claimedByOther = true;
+        unrecorded = false;
       }
+    }
+    // A waiter that has seen nobody recorded all along and then a claimer
+    // waits for the claimer rather than go on next to it: its deadline is
+    // moved once.
+    if (claimedByOther && !extended && !before(later(now(CLOCK_REALTIME), kHolderCheckMilliseconds), deadline)) {
+      extended = true;
+      deadline = deadlineAfter(now(CLOCK_REALTIME));
     }
     if (!before(now(CLOCK_REALTIME), deadline)) break;
     sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);

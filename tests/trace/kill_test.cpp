@@ -213,12 +213,14 @@ TEST_P(KillTest, SurvivorsGoOnWithinOneDeadlineAndFindEveryRingConsistent) {
   EXPECT_EQ(errors.back(), kSurvivor);
   if (!fresh) {
     std::vector<std::string> expected = errorsBefore;
-    if (c.action == Action::kWarning && c.point == TestPoint::kSramDescriptorWritten) expected.push_back(kInFlight);
+    // Committed once its descriptor is written.
+    const bool committed = c.point == TestPoint::kSramDescriptorWritten || c.point == TestPoint::kUnlockHolderCleared;
+    if (c.action == Action::kWarning && committed) expected.push_back(kInFlight);
     expected.push_back(kSurvivor);
     EXPECT_EQ(errors, expected);
 
     std::vector<std::uint32_t> expectedLines = remoteBefore;
-    if (c.action == Action::kRemoteSystem && c.point == TestPoint::kSramDescriptorWritten) {
+    if (c.action == Action::kRemoteSystem && committed) {
       expectedLines.push_back(kRemoteLineInFlight);
     }
     EXPECT_EQ(remoteLines(), expectedLines);
