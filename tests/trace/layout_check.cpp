@@ -89,9 +89,18 @@ std::vector<std::string> sharedMemoryProblems(const Bytes& object) {
 
 std::vector<std::string> sramProblems(const std::string& sramPath) {
   std::vector<std::string> problems;
+  // The whole file at once: a check may run while the trace lock is held.
+  const Bytes file = readFileBytes(sramPath);
   for (int region = 0; region < 2; ++region) {
-    const TraceSetStruct d = readSramDescriptor(sramPath, region);
     const std::string who = region == 0 ? "System" : "NVJ_System";
+    const std::size_t descriptorOffset =
+        region == 0 ? TRACE_SRAM_SYSTEM_DESCRIPTOR_OFFSET : TRACE_SRAM_REMOTE_DESCRIPTOR_OFFSET;
+    TraceSetStruct d;
+    if (file.size() < descriptorOffset + sizeof d) {
+      problems.push_back(who + ": no descriptor");
+      continue;
+    }
+    std::memcpy(&d, file.data() + descriptorOffset, sizeof d);
     if (std::strncmp(d.name, who.c_str(), sizeof d.name) != 0) problems.push_back(who + ": wrong name");
     if (d.maxNumberEntries != kSramSlots || d.traceEntryContentsLength != TRACE_MAX_STRING_LENGTH ||
         d.dataOffset != (region == 0 ? TRACE_SRAM_SYSTEM_DATA_OFFSET : TRACE_SRAM_REMOTE_DATA_OFFSET)) {
@@ -100,19 +109,29 @@ std::vector<std::string> sramProblems(const std::string& sramPath) {
     }
     checkRing(who, d, &problems);
     for (unsigned slot = 0; slot < d.curentNumberEntries && slot < kSramSlots; ++slot) {
-      const SramEntry e = readSramEntry(sramPath, region, slot);
       const std::string where = who + ": slot " + std::to_string(slot);
-      if (allZero(&e.header, sizeof e.header)) {
+      const std::size_t at = d.dataOffset + slot * 208u;
+      if (file.size() < at + 208u) {
+        problems.push_back(where + " lies past the end of the file");
+        break;
+      }
+      TraceEntryHeader e;
+      std::memcpy(&e, file.data() + at, sizeof e);
+      const char* contents = reinterpret_cast<const char*>(file.data() + at + TRACE_ENTRY_HEADER_SIZE);
+      if (allZero(&e, sizeof e)) {
         problems.push_back(where + " counted but its header is zeros");
         continue;
       }
-      if (e.header.pid == 0 || e.header.fileName[29] != 0) problems.push_back(where + " has a damaged header");
-      if (e.header.contentsLength > TRACE_MAX_STRING_LENGTH) problems.push_back(where + " is too long");
+      if (e.pid == 0 || e.fileName[29] != 0) problems.push_back(where + " has a damaged header");
+      if (e.contentsLength > TRACE_MAX_STRING_LENGTH) problems.push_back(where + " is too long");
       // The error trace writer's text fills the contents up to its length
       // and zeros after it: a header over other contents shows.
-      if (region == 0 && (e.contents.size() != TRACE_MAX_STRING_LENGTH || e.contents[127] != 0 ||
-                          e.text().size() != e.header.contentsLength)) {
-        problems.push_back(where + " has a header that does not fit its contents");
+      if (region == 0 && (contents[127] != 0 || strnlen(contents, 128) != e.contentsLength)) {
+        // In a full ring the slot at writeIndex is both the oldest entry
+        // and the one the next entry replaces.
+        const bool replaced = d.curentNumberEntries == d.maxNumberEntries && slot == d.writeIndex;
+        problems.push_back(where + (replaced ? " (the oldest, being replaced)" : "") +
+                           " has a header that does not fit its contents");
       }
     }
   }

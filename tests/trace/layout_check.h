@@ -18,6 +18,11 @@ namespace nt::test {
 std::vector<std::string> sharedMemoryProblems(const Bytes& object);
 std::vector<std::string> sramProblems(const std::string& sramPath);
 
+// The one problem a kill can leave in a full SRAM ring: its oldest slot,
+// which the entry in flight was replacing, torn between that entry's header
+// and its contents.
+inline constexpr char kReplacedSlotTorn[] = "(the oldest, being replaced)";
+
 // Both, joined into one text for a failure message ("" when consistent).
 std::string layoutProblems(const Bytes& object, const std::string& sramPath);
 
