@@ -19,6 +19,7 @@ const char* testPointName(TestPoint point) noexcept {
     case TestPoint::kLockSemaphoreTaken: return "lock-semaphore-taken";
     case TestPoint::kLockHolderRecorded: return "lock-holder-recorded";
     case TestPoint::kUnlockHolderCleared: return "unlock-holder-cleared";
+    case TestPoint::kLockDeadlinePassed: return "lock-deadline-passed";
     case TestPoint::kSramDescriptorRead: return "sram-descriptor-read";
     case TestPoint::kSramSequenceTaken: return "sram-sequence-taken";
     case TestPoint::kSramSlotHeaderWritten: return "sram-slot-header-written";

@@ -23,6 +23,7 @@ enum class TestPoint : std::uint8_t {
   kLockSemaphoreTaken,  // traceLock obtained the semaphore, not recorded yet
   kLockHolderRecorded,  // traceLock recorded its caller
   kUnlockHolderCleared,  // traceUnlock cleared the record, not posted yet
+  kLockDeadlinePassed,   // a wait reached its deadline (counted by tests, never stopped at)
   // The append to a ring of the SRAM file (error trace and remote system writers).
   kSramDescriptorRead,     // under the lock, the descriptor read, nothing written
   kSramSequenceTaken,      // the sequence number taken, nothing written

@@ -119,15 +119,16 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
   TraceMemoryHeader* h = header();
   // Nobody recorded as holder at every look of this wait so far.
   bool unrecorded = true;
-  // The deadline was moved once for a claimer that won the race to claim.
+  // A hold that nobody had recorded was seen taken over by another waiter:
+  // that claimer holds the lock for one operation and then posts, so this
+  // wait is not given up next to it but extended, once.
+  bool sawClaim = false;
   bool extended = false;
+  bool seenEmpty = false;  // some look saw nobody recorded
 
   timespec sliceEnd = later(start, kHolderCheckMilliseconds);
   for (;;) {
     const bool lastSlice = !before(sliceEnd, deadline);
-    // Set when a hold that nobody had recorded is seen taken over by a
-    // waiter: the claimer holds the lock for one operation and then posts.
-    bool claimedByOther = false;
     if (waitUntil(semaphore, lastSlice ? deadline : sliceEnd) == 0) {
       NT_TEST_POINT(kLockSemaphoreTaken);
       if (h == nullptr) return 0;
@@ -137,7 +138,12 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
       }
       // The token is a claimer's (see above): wait again.
       unrecorded = false;
-      claimedByOther = true;
+      sawClaim = true;
+      if (before(now(CLOCK_REALTIME), deadline)) {
+        sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
+        continue;
+      }
+      NT_TEST_POINT(kLockDeadlinePassed);
     } else if (h != nullptr) {
       // After a release on behalf of a dead holder the semaphore is free:
       // one more try, even when the deadline has passed meanwhile.
@@ -147,26 +153,37 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
       }
       const HolderIdentity holder = loadHolder(h);
       if (holderTid(holder) != 0) {
-        claimedByOther = unrecorded;
+        // Nobody at every earlier look, and now a holder: a claimer, or a
+        // holder that came after a release. Either holds for one operation.
+        if (unrecorded && seenEmpty) sawClaim = true;
         unrecorded = false;
-      } else if (lastSlice && unrecorded) {
+      } else {
+        seenEmpty = true;
+      }
+      if (before(now(CLOCK_REALTIME), deadline)) {
+        sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
+        continue;
+      }
+      NT_TEST_POINT(kLockDeadlinePassed);
+      if (unrecorded) {
         if (claimUnrecordedHold(h, holder, me)) {
           absorbFreeToken(semaphore);
           NT_TEST_POINT(kLockHolderRecorded);
           return 0;
         }
-        claimedByOther = true;
+        sawClaim = true;
         unrecorded = false;
       }
+    } else if (before(now(CLOCK_REALTIME), deadline)) {
+      sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
+      continue;
+    } else {
+      NT_TEST_POINT(kLockDeadlinePassed);
     }
-    // A waiter that has seen nobody recorded all along and then a claimer
-    // waits for the claimer rather than go on next to it: its deadline is
-    // moved once.
-    if (claimedByOther && !extended && !before(later(now(CLOCK_REALTIME), kHolderCheckMilliseconds), deadline)) {
-      extended = true;
-      deadline = deadlineAfter(now(CLOCK_REALTIME));
-    }
-    if (!before(now(CLOCK_REALTIME), deadline)) break;
+    // The deadline has passed.
+    if (!sawClaim || extended) break;
+    extended = true;
+    deadline = deadlineAfter(now(CLOCK_REALTIME));
     sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
   }
 
@@ -197,6 +214,7 @@ StartupLock waitForStartUp(sem_t* semaphore, const char* semaphoreName, HolderId
     }
     if (before(now(CLOCK_MONOTONIC), later(unrecordedSince, lockDeadlineMilliseconds()))) continue;
 
+    NT_TEST_POINT(kLockDeadlinePassed);
     // Nobody recorded for a whole deadline: the holder died before it
     // recorded itself (a creator, perhaps before the object even existed)
     // or after it cleared the word. Claim its hold; of several waiters one

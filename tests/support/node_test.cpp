@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -304,6 +305,20 @@ pid_t startLockHolder() {
   EXPECT_EQ(reported, 'L');
   return child;
 }
+
+namespace {
+std::atomic<int> g_deadlinesPassed{0};
+void countDeadline(TestPoint point) {
+  if (point == TestPoint::kLockDeadlinePassed) ++g_deadlinesPassed;
+}
+}  // namespace
+
+void countDeadlines() {
+  g_deadlinesPassed = 0;
+  setTestPointHook(countDeadline);
+}
+
+int deadlinesPassed() { return g_deadlinesPassed.load(); }
 
 void killAndReap(pid_t child) {
   kill(child, SIGKILL);

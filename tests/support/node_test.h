@@ -131,6 +131,14 @@ pid_t startLockHolder();
 
 void killAndReap(pid_t child);
 
+// Counts, from now on, the lock waits of this process that reach their
+// deadline (each start-up wait or traceLock that waits a whole deadline
+// counts once, twice when it waits it out again). "Waited at most one
+// deadline" is checked with this count rather than with a clock, so that a
+// loaded machine does not fail it.
+void countDeadlines();
+int deadlinesPassed();
+
 // The trace lock is free, nobody is recorded as its holder, and the calling
 // thread's signal mask is callerMask again.
 void expectTraceLockReleased(const sigset_t& callerMask);
