@@ -5,8 +5,11 @@
 // node-wide numbering of entries goes on. The two sets of the SRAM file are
 // never cleared here.
 
+#include <cstddef>
+
 #include "nodetrace/nodetrace.h"
 #include "trace/shared_access.h"
+#include "trace/test_points.h"
 #include "trace/trace_lock.h"
 #include "trace/trace_system.h"
 
@@ -24,8 +27,15 @@ extern "C" NODETRACE_API int32_t clearTraceSet(int32_t traceSetId) {
   // When the lock cannot be had within its deadline the set is cleared
   // without it.
   const nt::TraceLockGuard lock;
-  nt::storeShared(&descriptor->writeIndex, 0);
-  nt::storeShared(&descriptor->curentNumberEntries, 0);
+  NT_TEST_POINT(kClearLocked);
+  // writeIndex and curentNumberEntries share one aligned word and are
+  // cleared together: a process killed in between would otherwise leave a
+  // ring whose index and count disagree. The total follows; a kill before
+  // it leaves a total above the count, which the ring allows.
+  static_assert(offsetof(TraceSetStruct, curentNumberEntries) == offsetof(TraceSetStruct, writeIndex) + 2);
+  static_assert(offsetof(TraceSetStruct, writeIndex) % 4 == 0);
+  nt::storeShared(reinterpret_cast<uint32_t*>(&descriptor->writeIndex), 0u);
+  NT_TEST_POINT(kClearCountsReset);
   nt::storeShared(&descriptor->totalNumberEntries, 0);
   return 0;
 }

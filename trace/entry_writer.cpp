@@ -37,6 +37,7 @@
 #include "trace/shared_access.h"
 #include "trace/slot_access.h"
 #include "trace/slot_store.h"
+#include "trace/test_points.h"
 #include "trace/thread_ids.h"
 #include "trace/trace_system.h"
 #include "trace/user_ring.h"

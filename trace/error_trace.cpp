@@ -5,10 +5,17 @@
 // every call reads it, advances it and writes it back, so each process goes
 // on where the last writer of any process stopped, also across resets.
 //
-//   offset 4      descriptor "System"   <- read, advanced, written first
+//   offset 4      descriptor "System"   <- read first, written last
 //   offset 52     slot 0 (80-byte header + 128 bytes of text)
 //   ...           slot writeIndex       <- header, then contents
 //   52 + 737*208  slot 737, then the ring wraps to slot 0
+//
+// The slot is written before the descriptor that counts it
+// (trace/sram_ring.h): the descriptor write is the commit point, so a kill
+// or a failed write at any instant loses only the entry in flight, and a
+// failed slot write leaves the ring unadvanced. Each write keeps its own
+// message and line (872 slot header, 885 contents, 861 descriptor), and the
+// bytes written are the same as when the descriptor went first.
 
 #include "trace/error_trace.h"
 
@@ -29,7 +36,9 @@
 #include "trace/scoped_handles.h"
 #include "trace/shared_access.h"
 #include "trace/source_file.h"
+#include "trace/sram_ring.h"
 #include "trace/syscalls.h"
+#include "trace/test_points.h"
 #include "trace/trace_lock.h"
 #include "trace/trace_system.h"
 
@@ -39,11 +48,6 @@ namespace {
 constexpr std::uint32_t kContentsLength = TRACE_MAX_STRING_LENGTH;  // 128
 constexpr off_t kMaxSramFileSize = 524288;
 constexpr std::int32_t kErrorSeverity = TRACE_SEVERITY_ERR;
-
-bool writeAt(int fd, off_t offset, const void* data, std::size_t size) noexcept {
-  sys::lseek(fd, offset, SEEK_SET);
-  return sys::write(fd, data, size) == static_cast<ssize_t>(size);
-}
 
 }  // namespace
 
@@ -131,23 +135,17 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
     return TRACE_RC_FILE_ERROR;
   }
 
+  NT_TEST_POINT(kSramDescriptorRead);
   // A slot outside the first region of the file (a damaged dataOffset or
   // writeIndex) is never written: nothing changes. Start-up rewrites the
   // descriptor after the next restart of the node.
-  const off_t slotOffset = sramSlotOffset(SYSTEM_TRACE_SET_ID, descriptor.dataOffset,
-                                          getTraceEntrySize(kContentsLength), descriptor.writeIndex);
-  if (slotOffset < 0) return TRACE_RC_FILE_ERROR;
-  if (descriptor.curentNumberEntries < descriptor.maxNumberEntries) ++descriptor.curentNumberEntries;
-  ++descriptor.totalNumberEntries;
-  const std::uint16_t slotIndex = descriptor.writeIndex;
-  // A damaged capacity of 0 keeps the index where it is rather than divide by it.
-  if (descriptor.maxNumberEntries != 0) {
-    descriptor.writeIndex = static_cast<std::uint16_t>((descriptor.writeIndex + 1) % descriptor.maxNumberEntries);
-  }
+  SramAppend append;
+  if (!planSramAppend(SYSTEM_TRACE_SET_ID, descriptor, &append)) return TRACE_RC_FILE_ERROR;
 
   // The sequence number is taken here, so a rejected empty text below still
   // consumes it.
   const std::uint32_t sequenceNumber = takeSequenceNumber(h);
+  NT_TEST_POINT(kSramSequenceTaken);
 
   if (kContentsLength <= prefixLength) {
     std::fprintf(stderr, "%s (%s,%u): negative  : traceEntryContentsLength:%d stroffset:%d\n",
@@ -184,25 +182,20 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
                  850u, std::strerror(errno));
     return TRACE_RC_FILE_ERROR;
   }
-  // The descriptor goes first: a failure after it leaves the ring advanced
-  // over a slot that still holds its old entry, never an entry outside it.
-  const struct {
-    off_t offset;
-    const void* data;
-    std::size_t size;
-    unsigned line;
-  } writes[] = {{TRACE_SRAM_SYSTEM_DESCRIPTOR_OFFSET, &descriptor, sizeof descriptor, 861u},
-                {slotOffset, &entry, sizeof entry, 872u},
-                {slotOffset + TRACE_ENTRY_HEADER_SIZE, contents, sizeof contents, 885u}};
-  for (const auto& write : writes) {
-    if (!writeAt(out.get(), write.offset, write.data, write.size)) {
-      std::fprintf(stderr, "%s (%s,%u): Error accessing file system (%s)!\n", kSourceFileName,
-                   "addErrorTrace", write.line, std::strerror(errno));
-      return TRACE_RC_FILE_ERROR;
-    }
+  unsigned failedLine = 0;
+  switch (commitSramAppend(out.get(), append, entry, contents, sizeof contents)) {
+    case SramWrite::kNone: break;
+    case SramWrite::kDescriptor: failedLine = 861u; break;
+    case SramWrite::kSlotHeader: failedLine = 872u; break;
+    case SramWrite::kSlotContents: failedLine = 885u; break;
+  }
+  if (failedLine != 0) {
+    std::fprintf(stderr, "%s (%s,%u): Error accessing file system (%s)!\n", kSourceFileName, "addErrorTrace",
+                 failedLine, std::strerror(errno));
+    return TRACE_RC_FILE_ERROR;
   }
 
-  linkNewest(h, {SYSTEM_TRACE_SET_ID, slotIndex});
+  linkNewest(h, {SYSTEM_TRACE_SET_ID, append.slotIndex});
   return result;
 }
 

@@ -175,6 +175,20 @@ void clearHolder(TraceMemoryHeader* header) noexcept {
       .store(g_restingWord.load(std::memory_order_relaxed), std::memory_order_release);
 }
 
+bool takeHold(TraceMemoryHeader* header, HolderIdentity identity) noexcept {
+  HolderIdentity before = loadHolder(header);
+  if (holderTid(before) != 0) return false;
+  // The stamp half of an empty word keeps what a foreign object had there;
+  // it is given back on release.
+  if (!std::atomic_ref<HolderIdentity>(*holderWord(header))
+           .compare_exchange_strong(before, identity, std::memory_order_acq_rel,
+                                    std::memory_order_acquire)) {
+    return false;
+  }
+  g_restingWord.store(before, std::memory_order_relaxed);
+  return true;
+}
+
 bool claimUnrecordedHold(TraceMemoryHeader* header, HolderIdentity seen,
                          HolderIdentity identity) noexcept {
   if (holderTid(seen) != 0) return false;

@@ -54,6 +54,11 @@ void recordHolder(TraceMemoryHeader* header, HolderIdentity identity) noexcept;
 // back what they held before the holder recorded itself (zero, unless an
 // object from elsewhere had something there).
 void clearHolder(TraceMemoryHeader* header) noexcept;
+// Enters the hold that the caller's semaphore token stands for: records
+// identity if nobody is recorded. False when a waiter has claimed the hold
+// meanwhile (claimUnrecordedHold): the token the caller obtained is then
+// the claimer's, and the caller waits again.
+bool takeHold(TraceMemoryHeader* header, HolderIdentity identity) noexcept;
 // Takes over a hold that nobody recorded: records identity if the word
 // still holds seen, whose tid half must be zero.
 bool claimUnrecordedHold(TraceMemoryHeader* header, HolderIdentity seen,

@@ -13,9 +13,15 @@
 //   SRAM file, under the trace lock, as the error trace writer appends to
 //   "System":
 //
-//     offset 153600  descriptor "NVJ_System"  <- read, advanced, written first
+//     offset 153600  descriptor "NVJ_System"  <- read first, written last
 //     offset 153648  slot 0 (80-byte header + 128 contents bytes)
 //     ...            slot writeIndex           <- header, then contents
+//
+//   The slot is written before the descriptor that counts it
+//   (trace/sram_ring.h): a kill or a failed write at any instant loses only
+//   the record in flight, and a failed slot write leaves the ring
+//   unadvanced. Each write keeps its own message and line (3996 slot
+//   header, 4008 contents, 3985 descriptor); the bytes are unchanged.
 //
 //   It ignores the trace enable flag and the masks: the remote unit's
 //   system records are kept while local tracing is off.
@@ -48,7 +54,9 @@
 #include "trace/slot_access.h"
 #include "trace/slot_store.h"
 #include "trace/source_file.h"
+#include "trace/sram_ring.h"
 #include "trace/syscalls.h"
+#include "trace/test_points.h"
 #include "trace/trace_lock.h"
 #include "trace/trace_system.h"
 #include "trace/user_ring.h"
@@ -200,11 +208,6 @@ class RecordLog {
   bool cancelled_ = false;
 };
 
-bool writeAt(int fd, off_t offset, const void* data, std::size_t size) noexcept {
-  sys::lseek(fd, offset, SEEK_SET);
-  return sys::write(fd, data, size) == static_cast<ssize_t>(size);
-}
-
 struct LockedOutcome {
   int result;
   bool reportMissingSet;
@@ -262,22 +265,16 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
   TraceMemoryHeader* h = header();
   if (h == nullptr) return {result, false};
 
+  NT_TEST_POINT(kSramDescriptorRead);
   const std::uint16_t maxLength = descriptor.traceEntryContentsLength;
   // A slot outside the second region of the file (a damaged dataOffset or
   // writeIndex) is never written: nothing changes, the record reaches
   // syslog only.
-  const off_t slotOffset = sramSlotOffset(REMOTE_SYSTEM_TRACE_SET_ID, descriptor.dataOffset,
-                                          getTraceEntrySize(maxLength), descriptor.writeIndex);
-  if (slotOffset < 0) return {TRACE_RC_FILE_ERROR, false};
-  if (descriptor.curentNumberEntries < descriptor.maxNumberEntries) ++descriptor.curentNumberEntries;
-  ++descriptor.totalNumberEntries;
-  const std::uint16_t slotIndex = descriptor.writeIndex;
-  // A damaged capacity of 0 keeps the index where it is rather than divide by it.
-  if (descriptor.maxNumberEntries != 0) {
-    descriptor.writeIndex = static_cast<std::uint16_t>((descriptor.writeIndex + 1) % descriptor.maxNumberEntries);
-  }
+  SramAppend append;
+  if (!planSramAppend(REMOTE_SYSTEM_TRACE_SET_ID, descriptor, &append)) return {TRACE_RC_FILE_ERROR, false};
   // Taken here, so a rejected empty text below still consumes it.
   const std::uint32_t sequenceNumber = takeSequenceNumber(h);
+  NT_TEST_POINT(kSramSequenceTaken);
 
   // The text itself goes into the contents only for a set whose entries are
   // shorter than 128 bytes. The region is created with 128, so there the
@@ -313,29 +310,23 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
                  std::strerror(errno));
     return {TRACE_RC_FILE_ERROR, false};
   }
-  // The descriptor goes first: a failure after it leaves the ring advanced
-  // over a slot that still holds its old entry, never an entry outside it.
   // Contents of a set whose maximum exceeds the working buffer are not
   // written at all.
   const std::size_t contentsSize = maxLength <= kContentsLength ? maxLength : 0;
-  const struct {
-    off_t offset;
-    const void* data;
-    std::size_t size;
-    unsigned line;
-  } writes[] = {{TRACE_SRAM_REMOTE_DESCRIPTOR_OFFSET, &descriptor, sizeof descriptor, 3985u},
-                {slotOffset, &entry, sizeof entry, 3996u},
-                {slotOffset + TRACE_ENTRY_HEADER_SIZE, contents, contentsSize, 4008u}};
-  for (const auto& write : writes) {
-    if (write.size == 0) continue;
-    if (!writeAt(out.get(), write.offset, write.data, write.size)) {
-      std::fprintf(stderr, "%s(%u): Can't write to %s: %s!\n", kSourceFileName, write.line, path,
-                   std::strerror(errno));
-      return {TRACE_RC_FILE_ERROR, false};
-    }
+  unsigned failedLine = 0;
+  switch (commitSramAppend(out.get(), append, entry, contents, contentsSize)) {
+    case SramWrite::kNone: break;
+    case SramWrite::kDescriptor: failedLine = 3985u; break;
+    case SramWrite::kSlotHeader: failedLine = 3996u; break;
+    case SramWrite::kSlotContents: failedLine = 4008u; break;
+  }
+  if (failedLine != 0) {
+    std::fprintf(stderr, "%s(%u): Can't write to %s: %s!\n", kSourceFileName, failedLine, path,
+                 std::strerror(errno));
+    return {TRACE_RC_FILE_ERROR, false};
   }
 
-  linkNewest(h, {REMOTE_SYSTEM_TRACE_SET_ID, slotIndex});
+  linkNewest(h, {REMOTE_SYSTEM_TRACE_SET_ID, append.slotIndex});
   return {result, false};
 }
 

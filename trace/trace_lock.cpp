@@ -13,6 +13,7 @@
 
 #include "nodetrace/nodetrace.h"
 #include "trace/node_names.h"
+#include "trace/test_points.h"
 #include "trace/trace_system.h"
 
 namespace nt {
@@ -62,6 +63,48 @@ void reportStarvation(const char* semaphoreName, const timespec& start, std::int
 
 }  // namespace
 
+// Why a hold that nobody recorded may be claimed after one deadline.
+//
+// A thread that obtains the semaphore records itself in the holder word a
+// few instructions later, with all its signals blocked (start-up: once it
+// has mapped the object, a few system calls later). A holder word that
+// stays empty for a whole deadline while the semaphore stays taken
+// therefore means a holder that died between the two steps (or between
+// clearing the word and posting the semaphore on release): nobody will ever
+// post for it, and nothing tells which thread it was.
+//
+// The claim is safe even if that reasoning were wrong, e.g. for a holder
+// stopped or starved of the CPU for a whole deadline before it recorded
+// itself: a holder enters only by swapping itself into an empty holder word
+// (takeHold), and the claimer does the same (claimUnrecordedHold). Exactly
+// one of them succeeds. A holder that finds its hold claimed goes back to
+// waiting and leaves the token it obtained to the claimer, whose release
+// posts it. The claimer then tries to take a token itself without waiting,
+// which succeeds when the semaphore was free after all (a holder released
+// it just after the last look), so that it never holds without one when
+// one is to be had. At worst a claim made between a live holder's clearing
+// of the word and its post leaves one token too many; the next two threads
+// that obtain tokens at the same time absorb it (one enters, the other finds
+// the word taken and waits again), and exclusion never depends on the
+// count: it depends on the holder word.
+//
+// So the deadline only decides how soon a dead holder is given up; every
+// waiter of the moment waits at most one deadline for it, and once the
+// claim has been made and released, nobody waits for it again.
+
+namespace {
+
+// The claimer's token: the dead holder's (the semaphore stays at 0) or, when
+// the semaphore was free after all, one of its own.
+void absorbFreeToken(sem_t* semaphore) noexcept {
+  while (sem_trywait(semaphore) == -1 && errno == EINTR) {
+  }
+}
+
+timespec deadlineAfter(const timespec& start) noexcept { return later(start, lockDeadlineMilliseconds()); }
+
+}  // namespace
+
 int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) noexcept {
   sigset_t all;
   sigfillset(&all);
@@ -72,21 +115,75 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
 
   const HolderIdentity me = selfIdentity();
   const timespec start = now(CLOCK_REALTIME);
-  timespec deadline = start;
-  deadline.tv_sec += kLockDeadlineSeconds;
+  timespec deadline = deadlineAfter(start);
   TraceMemoryHeader* h = header();
+  // Nobody recorded as holder at every look of this wait so far.
+  bool unrecorded = true;
+  // A hold that nobody had recorded was seen taken over by another waiter:
+  // that claimer holds the lock for one operation and then posts, so this
+  // wait is not given up next to it but extended, once.
+  bool sawClaim = false;
+  bool extended = false;
+  bool seenEmpty = false;  // some look saw nobody recorded
 
   timespec sliceEnd = later(start, kHolderCheckMilliseconds);
   for (;;) {
     const bool lastSlice = !before(sliceEnd, deadline);
     if (waitUntil(semaphore, lastSlice ? deadline : sliceEnd) == 0) {
-      if (h != nullptr) recordHolder(h, me);
-      return 0;
+      NT_TEST_POINT(kLockSemaphoreTaken);
+      if (h == nullptr) return 0;
+      if (takeHold(h, me)) {
+        NT_TEST_POINT(kLockHolderRecorded);
+        return 0;
+      }
+      // The token is a claimer's (see above): wait again.
+      unrecorded = false;
+      sawClaim = true;
+      if (before(now(CLOCK_REALTIME), deadline)) {
+        sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
+        continue;
+      }
+      NT_TEST_POINT(kLockDeadlinePassed);
+    } else if (h != nullptr) {
+      // After a release on behalf of a dead holder the semaphore is free:
+      // one more try, even when the deadline has passed meanwhile.
+      if (releaseDeadHolder(semaphore, h)) {
+        sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
+        continue;
+      }
+      const HolderIdentity holder = loadHolder(h);
+      if (holderTid(holder) != 0) {
+        // Nobody at every earlier look, and now a holder: a claimer, or a
+        // holder that came after a release. Either holds for one operation.
+        if (unrecorded && seenEmpty) sawClaim = true;
+        unrecorded = false;
+      } else {
+        seenEmpty = true;
+      }
+      if (before(now(CLOCK_REALTIME), deadline)) {
+        sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
+        continue;
+      }
+      NT_TEST_POINT(kLockDeadlinePassed);
+      if (unrecorded) {
+        if (claimUnrecordedHold(h, holder, me)) {
+          absorbFreeToken(semaphore);
+          NT_TEST_POINT(kLockHolderRecorded);
+          return 0;
+        }
+        sawClaim = true;
+        unrecorded = false;
+      }
+    } else if (before(now(CLOCK_REALTIME), deadline)) {
+      sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
+      continue;
+    } else {
+      NT_TEST_POINT(kLockDeadlinePassed);
     }
-    // After a release on behalf of a dead holder the semaphore is free:
-    // one more try, even when the deadline has passed meanwhile.
-    const bool released = h != nullptr && releaseDeadHolder(semaphore, h);
-    if (lastSlice && !released) break;
+    // The deadline has passed.
+    if (!sawClaim || extended) break;
+    extended = true;
+    deadline = deadlineAfter(now(CLOCK_REALTIME));
     sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
   }
 
@@ -97,9 +194,9 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
 StartupLock waitForStartUp(sem_t* semaphore, const char* semaphoreName, HolderIdentity me) noexcept {
   const timespec start = now(CLOCK_REALTIME);
   HeaderPeek peek;
-  bool unrecorded = false;  // nobody recorded at every look since unrecordedSince
-  timespec unrecordedSince{};
-  bool claimed = false;     // the holder word holds me, not yet confirmed
+  // Nobody recorded as holder at every look since unrecordedSince; the wait
+  // counts from its own start.
+  timespec unrecordedSince = now(CLOCK_MONOTONIC);
 
   for (;;) {
     if (waitUntil(semaphore, later(now(CLOCK_REALTIME), kHolderCheckMilliseconds)) == 0) {
@@ -110,45 +207,35 @@ StartupLock waitForStartUp(sem_t* semaphore, const char* semaphoreName, HolderId
     TraceMemoryHeader* h = peek.find();
     const HolderIdentity holder = h != nullptr ? loadHolder(h) : 0;
 
-    if (claimed) {
-      // A live holder that took the semaphore just before the claim records
-      // itself over it within a slice; a dead one never does.
-      if (holder == me) return StartupLock::kInherited;
-      claimed = false;
-      unrecorded = false;
-      continue;
-    }
     if (holderTid(holder) != 0) {
-      unrecorded = false;
+      unrecordedSince = now(CLOCK_MONOTONIC);
       releaseDeadHolder(semaphore, h);
       continue;
     }
-    if (!unrecorded) {
-      unrecorded = true;
-      unrecordedSince = now(CLOCK_MONOTONIC);
-      continue;
-    }
-    if (before(now(CLOCK_MONOTONIC), later(unrecordedSince, kLockDeadlineSeconds * 1000L))) continue;
+    if (before(now(CLOCK_MONOTONIC), later(unrecordedSince, lockDeadlineMilliseconds()))) continue;
 
-    if (h == nullptr || headerNeverInitialised(h)) {
-      // The creator died between taking the semaphore and recording
-      // itself. Claim its hold; of several waiters one succeeds, the others
-      // then see a live holder.
-      TraceMemoryHeader* own = h != nullptr ? h : peek.create();
-      if (own != nullptr) {
-        claimed = claimUnrecordedHold(own, own == h ? holder : loadHolder(own), me);
-        unrecorded = false;
-        continue;
-      }
+    NT_TEST_POINT(kLockDeadlinePassed);
+    // Nobody recorded for a whole deadline: the holder died before it
+    // recorded itself (a creator, perhaps before the object even existed)
+    // or after it cleared the word. Claim its hold; of several waiters one
+    // succeeds, the others then see a live holder and wait for it.
+    TraceMemoryHeader* own = h != nullptr ? h : peek.create();
+    if (own == nullptr) {
+      reportStarvation(semaphoreName, start, 0);
+      return StartupLock::kNotTaken;
     }
-    reportStarvation(semaphoreName, start, h != nullptr ? holderTid(loadHolder(h)) : 0);
-    return StartupLock::kNotTaken;
+    if (claimUnrecordedHold(own, own == h ? holder : loadHolder(own), me)) {
+      absorbFreeToken(semaphore);
+      return StartupLock::kInherited;
+    }
+    unrecordedSince = now(CLOCK_MONOTONIC);
   }
 }
 
 void traceUnlock(int locked, sem_t* semaphore, const sigset_t* savedMask) noexcept {
   if (locked != 0 && semaphore != nullptr) {
     if (TraceMemoryHeader* h = header(); h != nullptr) clearHolder(h);
+    NT_TEST_POINT(kUnlockHolderCleared);
     sem_post(semaphore);
   }
   if (savedMask != nullptr) pthread_sigmask(SIG_SETMASK, savedMask, nullptr);

@@ -7,15 +7,22 @@
 // the recorded holder, and if that thread no longer exists it releases the
 // semaphore on its behalf (trace/lock_holder.h). A dead holder therefore
 // delays the waiters of that moment by one slice, and nobody after them.
+// A holder that died before it recorded itself (or after it cleared its
+// record on release) leaves the semaphore taken with nobody recorded; the
+// first waiter to see that for a whole deadline claims the hold and
+// releases it once when done (see trace_lock.cpp for why that is safe).
+// Either way a dead holder costs at most one deadline, once.
 #pragma once
 
 #include <semaphore.h>
 #include <signal.h>
 
 #include "trace/lock_holder.h"
+#include "trace/test_points.h"
 
 namespace nt {
 
+// The real deadline; test builds can shorten it (trace/test_points.h).
 inline constexpr int kLockDeadlineSeconds = 5;
 // How often a waiter looks at the holder.
 inline constexpr long kHolderCheckMilliseconds = 100;
@@ -31,22 +38,20 @@ void traceUnlock(int locked, sem_t* semaphore, const sigset_t* savedMask) noexce
 
 // How start-up came by the semaphore.
 enum class StartupLock {
-  kTaken,      // obtained; the caller records itself as holder
-  kInherited,  // taken over from a creator that died before it recorded
-               // itself; the caller is recorded already
-  kNotTaken    // given up after one deadline with nobody recorded as holder
+  kTaken,      // obtained; the caller enters the hold with takeHold once it
+               // has mapped the object, or waits again if it was claimed
+  kInherited,  // claimed from a holder that never recorded itself; the
+               // caller is recorded already
+  kNotTaken    // the object for the claim could not be created
 };
 
 // Start-up's wait for "traceMutex": no deadline while a recorded holder
 // lives. A recorded holder that is gone is released at once. When nobody is
-// recorded as holder for a whole deadline:
-// - if the object does not exist or its header was never initialised, the
-//   holder was a creator that died before it recorded itself: the first
-//   waiter to claim the holder word takes over its hold and goes on as the
-//   creator would;
-// - otherwise the holder cannot be told from a live one: the wait prints the
-//   starvation message and start-up goes on without the lock, as a timed-out
-//   wait does.
+// recorded as holder for a whole deadline, the holder died before it
+// recorded itself (perhaps a creator, before the object existed): the wait
+// creates or grows the object if need be and claims the hold; of several
+// waiters one succeeds, the others wait for it. A start-up is thus held up
+// by a dead holder for at most one deadline.
 // The caller has blocked all signals; me is the caller's identity.
 StartupLock waitForStartUp(sem_t* semaphore, const char* semaphoreName, HolderIdentity me) noexcept;
 

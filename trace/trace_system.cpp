@@ -22,6 +22,7 @@
 #include "trace/shared_access.h"
 #include "trace/source_file.h"
 #include "trace/syscalls.h"
+#include "trace/test_points.h"
 #include "trace/trace_lock.h"
 
 namespace nt {
@@ -106,24 +107,38 @@ void startTraceSystem() noexcept {
   // No deadline at start-up while a holder lives (see waitForStartUp for
   // holders that died).
   const HolderIdentity me = selfIdentity();
-  const StartupLock lock = waitForStartUp(g_process.semaphore, nodeNames().semaphore, me);
-  const bool locked = lock != StartupLock::kNotTaken;
-
-  const bool started = g_process.initialised.load(std::memory_order_relaxed) != 0;
-  if (!started) rc = initSharedMemory();
-
-  if (locked && header() != nullptr) {
-    if (lock == StartupLock::kTaken) recordHolder(header(), me);
-    // A header without a version was left by a creator that died before it
-    // initialised it; this process does the creator's work instead.
-    if (!started && rc == 0 && headerNeverInitialised(header())) rc = 1;
+  bool started = false;
+  StartupLock lock = StartupLock::kNotTaken;
+  for (;;) {
+    lock = waitForStartUp(g_process.semaphore, nodeNames().semaphore, me);
+    if (lock == StartupLock::kTaken) NT_TEST_POINT(kStartupSemaphoreTaken);
+    // Another thread of the process may have completed start-up meanwhile,
+    // or mapped the object before it had to wait again.
+    started = g_process.initialised.load(std::memory_order_relaxed) != 0;
+    if (!started && header() == nullptr) {
+      rc = initSharedMemory();
+      NT_TEST_POINT(kStartupObjectMapped);
+    }
+    // The token obtained stands for the hold only once this thread is
+    // recorded; a waiter that saw nobody recorded for a whole deadline may
+    // have claimed it meanwhile, and then this thread waits again.
+    if (lock != StartupLock::kTaken || header() == nullptr || takeHold(header(), me)) break;
   }
+  const bool locked = lock != StartupLock::kNotTaken;
+  NT_TEST_POINT(kStartupHolderRecorded);
+
+  // Under the lock a header without a version is one that nobody
+  // initialised: this process created the object, or its creator died
+  // before it was done. Either way this process does the creator's work.
+  if (!started && rc != -1 && locked && header() != nullptr) rc = headerNeverInitialised(header()) ? 1 : 0;
 
   if (!started) {
     if (rc == 1) {
       initialiseHeader(header());
+      NT_TEST_POINT(kStartupHeaderWritten);
       rc = createSramFile(0);
       if (rc == 0) readSeverityMaskFile(header());
+      NT_TEST_POINT(kStartupSramWritten);
     }
     g_process.initialised.store(1, std::memory_order_release);
   }

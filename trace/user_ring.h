@@ -36,6 +36,7 @@
 #include "trace/shared_access.h"
 #include "trace/slot_access.h"
 #include "trace/slot_store.h"
+#include "trace/test_points.h"
 
 namespace nt {
 
@@ -105,6 +106,13 @@ inline void stampHeader(TraceEntryHeader* slot, const EntryFields& f, bool termi
   storeShared(&slot->realTime.nanoseconds, f.realTime.nanoseconds);
 }
 
+// A test point of the append; nothing at all outside the test build.
+inline void passPoint([[maybe_unused]] TestPoint point) noexcept {
+#if defined(NODETRACE_TEST_POINTS)
+  passTestPoint(point);
+#endif
+}
+
 // The predecessor link of the slot, set and slot stored as one word.
 inline void stampLink(TraceEntryHeader* slot, EntryLink previous) noexcept {
   static_assert(offsetof(TraceEntryHeader, prevTraceSetId) % 2 == 0);
@@ -153,13 +161,17 @@ template <typename StoreContents>
 inline bool appendEntry(TraceMemoryHeader* h, TraceSetStruct* descriptor, const Ring& ring,
                         std::uint16_t traceSetId, const EntryFields& fields, Link link,
                         StoreContents&& storeContents) noexcept {
+  const bool local = link == Link::kNewest;
   const Claim claim = claimSlot(descriptor, ring);
   if (claim.slot == nullptr) return false;
   const std::uint32_t sequenceNumber = takeSequenceNumber(h);
+  ring_detail::passPoint(local ? TestPoint::kUserSlotClaimed : TestPoint::kRemoteSlotClaimed);
   const std::uint16_t contentsLength = storeContents(claim.slot + TRACE_ENTRY_HEADER_SIZE);
+  ring_detail::passPoint(local ? TestPoint::kUserContentsWritten : TestPoint::kRemoteContentsWritten);
   auto* slot = reinterpret_cast<TraceEntryHeader*>(claim.slot);
   // Local entries keep byte 29 of the name zero; a remote record leaves it.
-  ring_detail::stampHeader(slot, fields, link == Link::kNewest, sequenceNumber, contentsLength);
+  ring_detail::stampHeader(slot, fields, local, sequenceNumber, contentsLength);
+  if (local) ring_detail::passPoint(TestPoint::kUserHeaderWritten);
   // The link comes last: an entry is published as the newest only once its
   // slot holds it.
   ring_detail::stampLink(slot, link == Link::kNewest ? linkNewest(h, {traceSetId, claim.index}) : newestLink(h));

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -19,6 +20,7 @@
 #include "trace/node_names.h"
 #include "trace/shared_access.h"
 #include "trace/syscalls.h"
+#include "trace/test_points.h"
 #include "trace/trace_lock.h"
 #include "trace/trace_system.h"
 
@@ -53,9 +55,12 @@ void NodeTest::SetUp() {
   resetPlatformDouble();
   sys::resetSyslogCapture();
   resetLogBridgeForTests();  // its paths follow the node names just set
+  setLockDeadlineMillisecondsForTests(kTestLockDeadlineMilliseconds);
 }
 
 void NodeTest::TearDown() {
+  setTestPointHook(nullptr);
+  setLockDeadlineMillisecondsForTests(0);
   resetProcessStateForTests();
   shm_unlink(shmName_.c_str());
   sem_unlink(semaphoreName_.c_str());
@@ -305,6 +310,20 @@ pid_t startLockHolder() {
   EXPECT_EQ(reported, 'L');
   return child;
 }
+
+namespace {
+std::atomic<int> g_deadlinesPassed{0};
+void countDeadline(TestPoint point) {
+  if (point == TestPoint::kLockDeadlinePassed) ++g_deadlinesPassed;
+}
+}  // namespace
+
+void countDeadlines() {
+  g_deadlinesPassed = 0;
+  setTestPointHook(countDeadline);
+}
+
+int deadlinesPassed() { return g_deadlinesPassed.load(); }
 
 void killAndReap(pid_t child) {
   kill(child, SIGKILL);

@@ -21,6 +21,12 @@ namespace nt::test {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// The lock deadline of the tests: NodeTest shortens the real 5 seconds to
+// this, so that a test that waits one out does not wait long. A test that
+// needs the real deadline sets it back with
+// setLockDeadlineMillisecondsForTests(0).
+inline constexpr long kTestLockDeadlineMilliseconds = 1000;
+
 class NodeTest : public ::testing::Test {
  protected:
   void SetUp() override;
@@ -128,6 +134,14 @@ pid_t startChildThatReports(const std::function<char()>& body, char* reported);
 pid_t startLockHolder();
 
 void killAndReap(pid_t child);
+
+// Counts, from now on, the lock waits of this process that reach their
+// deadline (each start-up wait or traceLock that waits a whole deadline
+// counts once, twice when it waits it out again). "Waited at most one
+// deadline" is checked with this count rather than with a clock, so that a
+// loaded machine does not fail it.
+void countDeadlines();
+int deadlinesPassed();
 
 // The trace lock is free, nobody is recorded as its holder, and the calling
 // thread's signal mask is callerMask again.

@@ -745,50 +745,59 @@ TEST_F(ErrorTraceTest, WriteOnlyOpenFailure) {
   expectLockReleased();
 }
 
-TEST_F(ErrorTraceTest, FailedDescriptorWrite) {
-  const Bytes file = sramFile();
-  sys::failCall(Call::kWrite, 1, ENOSPC);
-  StderrCapture capture;
-  EXPECT_EQ(record("lost"), -6);
-  EXPECT_EQ(capture.take(),
-            "traceLibLocal.c (addErrorTrace,861): Error accessing file system (No space left on device)!\n");
-  EXPECT_EQ(sramFile(), file);
-  EXPECT_EQ(getTotalNumberTraceEntries(), 1u);
-  EXPECT_EQ(loadShared(&header()->lastTraceSetId), 0xFFFF);
-  expectLockReleased();
-}
+// The slot goes first (header, then contents) and the descriptor that counts
+// it last: whichever write fails, the ring is left unadvanced and every
+// counted entry intact.
 
-TEST_F(ErrorTraceTest, FailedHeaderWriteLeavesTheRingAdvancedOverTheOldSlot) {
+TEST_F(ErrorTraceTest, FailedHeaderWriteLeavesTheRingUnadvanced) {
   fillSlot(0, 0xA5);
-  sys::failCall(Call::kWrite, 2, EIO);
+  const Bytes file = sramFile();
+  sys::failCall(Call::kWrite, 1, EIO);
   StderrCapture capture;
   EXPECT_EQ(record("lost"), -6);
   EXPECT_EQ(capture.take(),
             "traceLibLocal.c (addErrorTrace,872): Error accessing file system (Input/output error)!\n");
-  expectDescriptor(1, 1, 1);
-  const Bytes file = sramFile();
-  EXPECT_EQ(Bytes(file.begin() + 52, file.begin() + 52 + 208), Bytes(208, 0xA5));
+  EXPECT_EQ(sramFile(), file);
+  EXPECT_EQ(getTotalNumberTraceEntries(), 1u);  // the sequence number is consumed
   EXPECT_EQ(loadShared(&header()->lastTraceSetId), 0xFFFF);
   expectLockReleased();
 
-  // The next entry goes to the following slot.
+  // The next entry goes to the same slot.
   EXPECT_EQ(record("next"), 0);
-  expectDescriptor(2, 2, 2);
-  expectText(1, "next", 0x80, 4);
+  expectDescriptor(1, 1, 1);
+  expectText(0, "next", 0x80, 4);
 }
 
-TEST_F(ErrorTraceTest, FailedContentsWriteLeavesTheOldContents) {
+TEST_F(ErrorTraceTest, FailedContentsWriteLeavesTheRingUnadvanced) {
   fillSlot(0, 0xA5);
-  sys::failCall(Call::kWrite, 3, EDQUOT);
+  sys::failCall(Call::kWrite, 2, EDQUOT);
   StderrCapture capture;
   EXPECT_EQ(record("lost"), -6);
   EXPECT_EQ(capture.take(),
             "traceLibLocal.c (addErrorTrace,885): Error accessing file system (Disk quota exceeded)!\n");
-  expectDescriptor(1, 1, 1);
+  expectDescriptor(0, 0, 0);
   const SramEntry entry = readSramEntry(sram(), 0, 0);
-  EXPECT_EQ(entry.header.sequenceNumber, 0u);  // the header was written
+  EXPECT_EQ(entry.header.sequenceNumber, 0u);  // the header was written, but is not counted
   EXPECT_EQ(entry.header.contentsLength, 4);
   EXPECT_EQ(entry.contents, Bytes(128, 0xA5));
+  EXPECT_EQ(loadShared(&header()->lastTraceSetId), 0xFFFF);
+  expectLockReleased();
+
+  EXPECT_EQ(record("next"), 0);
+  expectDescriptor(1, 1, 1);
+  expectText(0, "next", 0x80, 4);
+  EXPECT_EQ(readSramEntry(sram(), 0, 0).header.sequenceNumber, 1u);
+}
+
+TEST_F(ErrorTraceTest, FailedDescriptorWriteLeavesTheWholeSlotUncounted) {
+  sys::failCall(Call::kWrite, 3, ENOSPC);
+  StderrCapture capture;
+  EXPECT_EQ(record("lost"), -6);
+  EXPECT_EQ(capture.take(),
+            "traceLibLocal.c (addErrorTrace,861): Error accessing file system (No space left on device)!\n");
+  expectDescriptor(0, 0, 0);
+  expectText(0, "lost", 0x80, 4);  // written, not counted
+  EXPECT_EQ(getTotalNumberTraceEntries(), 1u);
   EXPECT_EQ(loadShared(&header()->lastTraceSetId), 0xFFFF);
   expectLockReleased();
 }

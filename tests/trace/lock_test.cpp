@@ -83,6 +83,8 @@ TEST_F(LockTest, GuardReleasesOnEveryPathOutOfItsScope) {
 }
 
 TEST_F(LockTest, StuckHolderMakesAWaiterReportStarvationAfterFiveSecondsAndGoOn) {
+  // The one test that waits out the real deadline.
+  setLockDeadlineMillisecondsForTests(0);
   const pid_t holder = startLockHolder();
   sigset_t saved;
   StderrCapture capture;
@@ -108,7 +110,7 @@ TEST_F(LockTest, StuckHolderMakesAWaiterReportStarvationAfterFiveSecondsAndGoOn)
 }
 
 TEST_F(LockTest, StartUpWaitsWithoutDeadline) {
-  // A holder that keeps the lock past the 5-second deadline, then lets go.
+  // A holder that keeps the lock past two deadlines, then lets go.
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
   std::fflush(nullptr);
@@ -118,7 +120,7 @@ TEST_F(LockTest, StartUpWaitsWithoutDeadline) {
     traceLock(g_process.semaphore, "traceMutex", &saved);
     const char byte = 'L';
     if (write(ready[1], &byte, 1) != 1) _exit(2);
-    std::this_thread::sleep_for(std::chrono::milliseconds(6500));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2 * kTestLockDeadlineMilliseconds + 500));
     traceUnlock(1, g_process.semaphore, &saved);
     _exit(0);
   }
@@ -135,7 +137,7 @@ TEST_F(LockTest, StartUpWaitsWithoutDeadline) {
     const auto start = std::chrono::steady_clock::now();
     getCurrentNumberTraceSets();
     const auto waited = std::chrono::steady_clock::now() - start;
-    return waited >= std::chrono::seconds(5) && header() != nullptr ? 0 : 1;
+    return waited >= std::chrono::milliseconds(2 * kTestLockDeadlineMilliseconds) && header() != nullptr ? 0 : 1;
   });
   EXPECT_EQ(capture.take(), "");
   EXPECT_EQ(status, 0);
