@@ -6,6 +6,7 @@
 #include "nodetrace/nodetrace.h"
 #include "tool/arguments.h"
 #include "tool/commands.h"
+#include "tool/node_check.h"
 
 namespace nodetrace_tool {
 
@@ -15,6 +16,7 @@ void addSetsCommand(CLI::App& app) {
       "sets", "Report all trace sets: entries written, capacity and type of each, and the use of shared memory");
   command->add_flag("-v,--verbose", *verbose, "Also show the category mask of each user set");
   command->callback([verbose] {
+    requireTraceSystem();
     const int32_t result = printTraceSetsInfo(*verbose ? 1 : 0);
     std::fflush(stdout);
     if (result == TRACE_RC_FILE_ERROR) {

@@ -8,6 +8,7 @@
 #include "tool/arguments.h"
 #include "tool/commands.h"
 #include "tool/entry_listing.h"
+#include "tool/node_check.h"
 #include "tool/show_format.h"
 
 namespace nodetrace_tool {
@@ -33,6 +34,7 @@ void show(const ShowOptions& options) {
   EntryFilter filter;
   filter.severities = severityBits(options.severities);
   if (!options.category.empty()) filter.categories = parseCategoryMask(options.category);
+  requireTraceSystem();
 
   std::vector<std::int16_t> ids;
   for (const std::string& name : options.sets) ids.push_back(traceSetId(name));
