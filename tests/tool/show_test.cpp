@@ -54,11 +54,14 @@ TEST_F(ShowTest, SetsVerboseShowsTheCategoryMasks) {
   EXPECT_EQ(lines[5], "255: System              \t     0/  738 CatMask 0xFFFFFFFF STRING");
 }
 
-TEST_F(ShowTest, SetsWithoutTheSramFileFailsWithTheReportSoFar) {
+TEST_F(ShowTest, SetsWithoutTheSramFileNamesTheHalfSetUpNode) {
   ASSERT_EQ(std::remove(sram().c_str()), 0);
   const ToolResult result = runTool({"sets"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(linesOf(result.err).back(), "nodetrace: the report is incomplete: the SRAM file could not be read (-6)");
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "nodetrace: the trace system cannot start: the node is half set up: the SRAM file " + sram() +
+                            " is missing while the shared-memory object " + shmPath() + " exists; remove " +
+                            shmPath() + " (its entries are lost) so that the next start creates both\n");
 }
 
 TEST_F(ShowTest, MergesTheSetsOfSeveralProcessesInWritingOrder) {
@@ -243,14 +246,16 @@ TEST_F(ShowTest, RefusesWhatItCannotShow) {
   };
   expectError({"show", "Nope"}, 1, "nodetrace: unknown trace set 'Nope'\n");
   expectError({"show", "Radio", "7"}, 1, "nodetrace: no trace set has the id 7\n");
-  expectError({"show", "-s", "FOO"}, 1, "nodetrace: unknown severity 'FOO' (use ERR, WAR, INF, DBG or NOT)\n");
-  expectError({"show", "-s", "INF,"}, 1, "nodetrace: unknown severity '' (use ERR, WAR, INF, DBG or NOT)\n");
-  expectError({"show", "-c", "0xZZ"}, 1,
+  expectError({"show", "-s", "FOO"}, 2, "nodetrace: unknown severity 'FOO' (use ERR, WAR, INF, DBG or NOT)\n");
+  expectError({"show", "-s", "INF,"}, 2, "nodetrace: unknown severity '' (use ERR, WAR, INF, DBG or NOT)\n");
+  expectError({"show", "-c", "0xZZ"}, 2,
               "nodetrace: '0xZZ' is not a category mask (up to 8 hexadecimal digits, such as 0x0000000F)\n");
-  expectError({"show", "-c", "123456789"}, 1,
+  expectError({"show", "-c", "123456789"}, 2,
               "nodetrace: '123456789' is not a category mask (up to 8 hexadecimal digits, such as 0x0000000F)\n");
-  expectError({"show", "-f", std::string(300, 'x')}, 1,
+  expectError({"show", "-f", std::string(300, 'x')}, 2,
               "nodetrace: the format is 300 characters long; at most 255 are allowed\n");
+  // An empty layout would print an empty line per entry.
+  expectError({"show", "-f", ""}, 2, "nodetrace: the format is empty; give directives such as \"%S %c\"\n");
   expectError({"show", "-n", "x"}, 2,
               "nodetrace: Could not convert: --lines = x\nRun 'nodetrace show --help' for more information.\n");
 }
