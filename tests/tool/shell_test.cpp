@@ -1,0 +1,130 @@
+// The tool in shell scripts: creating sets, writing into new ones, names
+// that are nearly right, text that starts with a dash, and the rule of the
+// exit statuses.
+
+#include <string>
+
+#include "tests/tool/tool_test.h"
+
+namespace nt::test {
+namespace {
+
+using ShellTest = ToolTest;
+
+void expectRun(const ToolResult& result, int status, const std::string& out, const std::string& err) {
+  EXPECT_EQ(result.status, status);
+  EXPECT_EQ(result.out, out);
+  EXPECT_EQ(result.err, err);
+}
+
+TEST_F(ShellTest, CreateMakesASetOrUsesTheOneThere) {
+  expectRun(runTool({"create", "Script"}), 0, "Script created: id 0, text, 256 entries of up to 128 bytes\n", "");
+  expectRun(runTool({"create", "Script"}), 0, "Script exists: id 0, text, 256 entries of up to 128 bytes\n", "");
+  expectRun(runTool({"create", "Script", "--entries", "10", "--length", "20"}), 0,
+            "Script exists: id 0, text, 256 entries of up to 128 bytes\n", "");
+  expectRun(runTool({"create", "Frames", "--dump"}), 0,
+            "Frames created: id 1, dump, 64 entries of up to 1600 bytes\n", "");
+  expectRun(runTool({"create", "Small", "--entries", "3", "--length", "40", "-m", "0x0F"}), 0,
+            "Small created: id 2, text, 3 entries of up to 40 bytes\n", "");
+  EXPECT_EQ(descriptor(0).type, TS_STRING);
+  EXPECT_EQ(descriptor(1).type, TS_DUMP);
+  EXPECT_EQ(descriptor(1).maxNumberEntries, 64);
+  EXPECT_EQ(descriptor(1).traceEntryContentsLength, 1600);
+  EXPECT_EQ(descriptor(2).maxNumberEntries, 3);
+  EXPECT_EQ(descriptor(2).traceEntryContentsLength, 40);
+  EXPECT_EQ(descriptor(2).categoryMask, 0x0Fu);
+}
+
+TEST_F(ShellTest, CreateRefusals) {
+  createSet("Radio", TS_STRING, 16, 128);
+  const std::string shape = "(text, 16 entries of up to 128 bytes); a set cannot change until the node restarts\n";
+  expectRun(runTool({"create", "Radio", "--dump"}), 1, "",
+            "nodetrace: the trace set Radio exists with another shape " + shape);
+  expectRun(runTool({"create", "Radio", "--entries", "17"}), 1, "",
+            "nodetrace: the trace set Radio exists with another shape " + shape);
+  expectRun(runTool({"create", "System"}), 2, "",
+            "nodetrace: System and NVJ_System are the sets of the SRAM file; choose another name\n");
+  expectRun(runTool({"create", "5G"}), 2, "",
+            "nodetrace: the trace set name '5G' starts with a digit (numbers name sets by id)\n");
+  expectRun(runTool({"create", std::string(20, 'a')}), 2, "",
+            "nodetrace: the trace set name '" + std::string(20, 'a') + "' is longer than 19 characters\n");
+  expectRun(runTool({"create", "A", "--entries", "0"}), 2, "", "nodetrace: --entries must lie between 1 and 65535\n");
+  expectRun(runTool({"create", "A", "--entries", "65536"}), 2, "",
+            "nodetrace: --entries must lie between 1 and 65535\n");
+  expectRun(runTool({"create", "A", "--length", "129"}), 2, "",
+            "nodetrace: --length must lie between 1 and 128 for a set of text entries\n");
+  expectRun(runTool({"create", "A", "--dump", "--length", "1601"}), 2, "",
+            "nodetrace: --length must lie between 1 and 1600 for a set of dump entries\n");
+  EXPECT_EQ(getCurrentNumberTraceSets(), 1);
+}
+
+TEST_F(ShellTest, WriteCreatesTheSetWhenAskedTo) {
+  expectRun(runTool({"write", "--create", "Script", "INF", "started"}), 0, "", "");
+  expectRun(runTool({"write", "Script", "INF", "--create", "again"}), 0, "", "");
+  expectRun(runTool({"write", "--create", "--hex", "--entries", "8", "Frames", "INF", "41 42"}), 0, "", "");
+  ASSERT_EQ(getCurrentNumberTraceSets(), 2);
+  EXPECT_EQ(descriptor(0).maxNumberEntries, 256);
+  EXPECT_EQ(slot(0, 0).text(), "started");
+  EXPECT_EQ(slot(0, 1).text(), "again");
+  EXPECT_EQ(descriptor(1).type, TS_DUMP);
+  EXPECT_EQ(descriptor(1).maxNumberEntries, 8);
+  EXPECT_EQ(slot(1, 0).header.contentsLength, 2);
+  // Without --create a missing set stays missing.
+  expectRun(runTool({"write", "Other", "INF", "x"}), 1, "",
+            "nodetrace: unknown trace set 'Other' (write with --create to create it)\n");
+  EXPECT_EQ(getCurrentNumberTraceSets(), 2);
+}
+
+TEST_F(ShellTest, UnknownNamesGetTheNearestOnes) {
+  createSet("Radio", TS_STRING, 16, 128);
+  createSet("Radar", TS_STRING, 16, 128);
+  createSet("Power", TS_STRING, 16, 128);
+  expectRun(runTool({"show", "radio"}), 1, "", "nodetrace: unknown trace set 'radio'; did you mean Radio or Radar?\n");
+  expectRun(runTool({"mask", "Rdaio"}), 1, "", "nodetrace: unknown trace set 'Rdaio'; did you mean Radio?\n");
+  expectRun(runTool({"write", "Sytsem", "ERR", "x"}), 1, "",
+            "nodetrace: unknown trace set 'Sytsem'; did you mean System?\n");
+  expectRun(runTool({"clear", "POWER"}), 1, "", "nodetrace: unknown trace set 'POWER'; did you mean Power?\n");
+  expectRun(runTool({"follow", "Nope"}), 1, "", "nodetrace: unknown trace set 'Nope'\n");
+  expectRun(runTool({"show", "Rad"}), 1, "", "nodetrace: unknown trace set 'Rad'\n");
+}
+
+TEST_F(ShellTest, TheTextOfWriteMayStartWithADash) {
+  const std::int16_t radio = createSet("Radio", TS_STRING, 16, 128);
+  expectRun(runTool({"write", "Radio", "INF", "-5", "dBm"}), 0, "", "");
+  expectRun(runTool({"write", "Radio", "INF", "--line", "3", "-x", "--line", "4"}), 0, "", "");
+  expectRun(runTool({"write", "-c", "1", "Radio", "INF", "-"}), 0, "", "");
+  expectRun(runTool({"write", "Radio", "INF", "--", "--all"}), 0, "", "");
+  EXPECT_EQ(slot(radio, 0).text(), "-5 dBm");
+  EXPECT_EQ(slot(radio, 1).text(), "-x --line 4");
+  EXPECT_EQ(slot(radio, 1).header.line, 3);
+  EXPECT_EQ(slot(radio, 2).text(), "-");
+  EXPECT_EQ(slot(radio, 2).header.category, 1u);
+  EXPECT_EQ(slot(radio, 3).text(), "--all");
+  // Before SET and SEVERITY a dash is an option, and an unknown one is wrong
+  // use.
+  expectRun(runTool({"write", "-x", "Radio", "INF", "text"}), 2, "",
+            "nodetrace: The following argument was not expected: -x\nRun 'nodetrace write --help' for more "
+            "information.\n");
+}
+
+TEST_F(ShellTest, ExitStatusesFollowOneRule) {
+  createSet("Radio", TS_STRING, 16, 128);
+  // 2: wrong use of the command line, whatever its kind.
+  EXPECT_EQ(runTool({"nosuch"}).status, 2);
+  EXPECT_EQ(runTool({"show", "--nosuch"}).status, 2);
+  EXPECT_EQ(runTool({"show", "-n", "x"}).status, 2);
+  EXPECT_EQ(runTool({"show", "-s", "LOUD"}).status, 2);
+  EXPECT_EQ(runTool({"severity", "+LOUD"}).status, 2);
+  EXPECT_EQ(runTool({"severity", "DBG"}).status, 2);
+  EXPECT_EQ(runTool({"mask", "Radio", "xyz"}).status, 2);
+  EXPECT_EQ(runTool({"write", "Radio", "LOUD", "x"}).status, 2);
+  EXPECT_EQ(runTool({"show", "-f", ""}).status, 2);
+  // 1: the operation failed on this node.
+  EXPECT_EQ(runTool({"show", "Nope"}).status, 1);
+  EXPECT_EQ(runTool({"show", "7"}).status, 1);
+  // 0: done.
+  EXPECT_EQ(runTool({"show", "Radio"}).status, 0);
+}
+
+}  // namespace
+}  // namespace nt::test
