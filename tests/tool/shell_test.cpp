@@ -2,6 +2,8 @@
 // that are nearly right, text that starts with a dash, and the rule of the
 // exit statuses.
 
+#include <chrono>
+#include <filesystem>
 #include <string>
 
 #include "tests/tool/tool_test.h"
@@ -124,6 +126,46 @@ TEST_F(ShellTest, ExitStatusesFollowOneRule) {
   EXPECT_EQ(runTool({"show", "7"}).status, 1);
   // 0: done.
   EXPECT_EQ(runTool({"show", "Radio"}).status, 0);
+}
+
+}  // namespace
+}  // namespace nt::test
+
+namespace nt::test {
+namespace {
+
+class PreviousRunTest : public ToolTest {
+ protected:
+  void SetUp() override {
+    ToolTest::SetUp();
+    allowDebug();
+    radio_ = createSet("Radio", TS_STRING, 16, 128);
+  }
+  std::int16_t radio_ = -1;
+};
+
+TEST_F(PreviousRunTest, ShowsTheNewestDumpsWrittenBeforeTheReset) {
+  text(radio_, TRACE_SEVERITY_INF, "older run");
+  ASSERT_EQ(dumpTracesBeforeReset(logs("TraceLog.12").c_str(), 1), 0);
+  std::filesystem::last_write_time(logs("TraceLog.12"),
+                                   std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
+  ASSERT_EQ(clearTraceSet(radio_), 0);
+  text(radio_, TRACE_SEVERITY_INF, "n1");
+  text(radio_, TRACE_SEVERITY_DBG, "n2");
+  ASSERT_EQ(dumpTracesBeforeReset(logs("TraceLog.3").c_str(), 1), 0);
+  writeFileText(logs("TraceLog.3x"), "not a dump");
+  writeFileText(logs("TraceLog."), "not a dump");
+
+  expectRun(runTool({"show", "--previous-run", "-f", "%S %I %c"}), 0, "INF Radio n1\nDBG Radio n2\n", "");
+  expectRun(runTool({"show", "--last-boot", "-s", "DBG", "-f", "%S %c"}), 0, "DBG n2\n", "");
+  expectRun(runTool({"show", "-P", "-n", "1", "-f", "%c"}), 0, "n2\n", "");
+  expectRun(runTool({"show", "-P", "Radio", "-f", "%c"}), 0, "n1\nn2\n", "");
+  expectRun(runTool({"show", "-P", "Power", "-f", "%c"}), 0, "", "");
+}
+
+TEST_F(PreviousRunTest, SaysWhenThereIsNone) {
+  expectRun(runTool({"show", "--previous-run"}), 1, "",
+            "nodetrace: no dump of the previous run: " + logs() + " holds no TraceLog.<n> or ErrorTrace.<n> file\n");
 }
 
 }  // namespace
