@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <regex>
 #include <string>
 
 #include "tests/tool/tool_test.h"
@@ -166,6 +167,36 @@ TEST_F(PreviousRunTest, ShowsTheNewestDumpsWrittenBeforeTheReset) {
 TEST_F(PreviousRunTest, SaysWhenThereIsNone) {
   expectRun(runTool({"show", "--previous-run"}), 1, "",
             "nodetrace: no dump of the previous run: " + logs() + " holds no TraceLog.<n> or ErrorTrace.<n> file\n");
+}
+
+}  // namespace
+}  // namespace nt::test
+
+namespace nt::test {
+namespace {
+
+using DecodeLineTest = ToolTest;
+
+TEST_F(DecodeLineTest, TheHelpNamesTheFilesPlainly) {
+  const ToolResult result = runTool({"decode", "--help"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.out.find("\n  FILE ... REQUIRED   "), std::string::npos) << result.out;
+  EXPECT_EQ(result.out.find("TEXT ... REQUIRED"), std::string::npos) << result.out;
+}
+
+TEST_F(DecodeLineTest, MillisecondsKeepThreeDigitsInEitherTimeOrder) {
+  const std::int16_t radio = createSet("Radio", TS_STRING, 64, 128);
+  for (int i = 0; i < 40; ++i) text(radio, TRACE_SEVERITY_INF, "e" + std::to_string(i));
+  const std::string file = root_ + "/x.dump";
+  ASSERT_EQ(dumpTracesToFile(file.c_str(), 0, 0), 0);
+  for (const char* order : {"network", "little"}) {
+    const ToolResult result = runTool({"decode", file, "--time-order", order, "--line-format", "%dz|%uz"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    const std::vector<std::string> lines = linesOf(result.out);
+    EXPECT_EQ(lines.size(), 40u);
+    const std::regex stamp(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z\|\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
+    for (const std::string& line : lines) EXPECT_TRUE(std::regex_match(line, stamp)) << order << ": " << line;
+  }
 }
 
 }  // namespace
