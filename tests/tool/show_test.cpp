@@ -26,11 +26,45 @@ class ShowTest : public ToolTest {
   }
 };
 
-TEST_F(ShowTest, SetsPrintsTheReportOfAllTraceSets) {
+TEST_F(ShowTest, SetsPrintsATableOfAllTraceSets) {
   const std::int16_t radio = createSet("Radio", TS_STRING, 16, 128);
   createSet("Frames", TS_DUMP, 4, 64);
   writeFromChild(radio, TRACE_SEVERITY_INF, "up", "radio.c", 1);
   const ToolResult result = runTool({"sets"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out,
+            " ID  NAME        TYPE  ENTRIES  CAPACITY  WRITTEN\n"
+            "  0  Radio       text        1        16        1\n"
+            "  1  Frames      dump        0         4        0\n"
+            "254  NVJ_System  text        0       738        0\n"
+            "255  System      text        0       738        0\n"
+            "\n2/200 user trace sets use 3904/10485760 bytes (0.0%) of shared memory; 1 entries written in total\n");
+}
+
+TEST_F(ShowTest, SetsColumnsWidenForLargeCounts) {
+  const std::int16_t radio = createSet("Radio", TS_STRING, 16, 128, 0x0000000F);
+  createSet("ALongerSetName", TS_STRING, 65535, 8);
+  sharedDescriptor(radio)->totalNumberEntries = 100000;
+  sharedDescriptor(1)->totalNumberEntries = 4294967295u;
+  const ToolResult result = runTool({"sets", "-v"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out,
+            " ID  NAME            TYPE  ENTRIES  CAPACITY     WRITTEN  MASK\n"
+            "  0  Radio           text        0        16      100000  0x0000000F\n"
+            "  1  ALongerSetName  text        0     65535  4294967295  0xFFFFFFFF\n"
+            "254  NVJ_System      text        0       738           0  0xFFFFFFFF\n"
+            "255  System          text        0       738           0  0xFFFFFFFF\n"
+            "\n2/200 user trace sets use 5770408/10485760 bytes (55.0%) of shared memory; 0 entries written in "
+            "total\n");
+}
+
+TEST_F(ShowTest, SetsReportPrintsTheLibrarysReport) {
+  const std::int16_t radio = createSet("Radio", TS_STRING, 16, 128);
+  createSet("Frames", TS_DUMP, 4, 64);
+  writeFromChild(radio, TRACE_SEVERITY_INF, "up", "radio.c", 1);
+  const ToolResult result = runTool({"sets", "--report"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");
   EXPECT_EQ(result.out,
@@ -45,7 +79,7 @@ TEST_F(ShowTest, SetsPrintsTheReportOfAllTraceSets) {
 
 TEST_F(ShowTest, SetsVerboseShowsTheCategoryMasks) {
   createSet("Radio", TS_STRING, 16, 128, 0x0000000F);
-  const ToolResult result = runTool({"sets", "-v"});
+  const ToolResult result = runTool({"sets", "--report", "-v"});
   EXPECT_EQ(result.status, 0);
   const std::vector<std::string> lines = linesOf(result.out);
   ASSERT_GE(lines.size(), 6u);
