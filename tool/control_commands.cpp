@@ -255,6 +255,14 @@ void write(const WriteOptions& options) {
     if (similarTraceSetNames(options.set).empty()) message += " (write with --create to create it)";
     throw ToolError(message);
   }
+  // The same two refusals for the sets of the SRAM file named by another
+  // spelling of their ids ("0255").
+  if (id == REMOTE_SYSTEM_TRACE_SET_ID) {
+    throw UsageError("NVJ_System keeps the entries of the remote unit; the tool does not write there");
+  }
+  if (id == SYSTEM_TRACE_SET_ID && (bit & TRACE_SEVERITY_ERROR_CLASS) == 0) {
+    throw UsageError("System keeps only entries of severity ERR, WAR and NOT");
+  }
   const TraceSetStruct* descriptor = getTraceSetStruct(static_cast<std::uint16_t>(id));
   const bool dumpSet = descriptor != nullptr && descriptor->type != TS_STRING && !isSramSet(id);
   if (options.hex && !dumpSet) throw ToolError("--hex needs a trace set of dump entries; " + options.set + " keeps text");

@@ -19,6 +19,7 @@
 #include "nodetrace/nodetrace.h"
 #include "tool/arguments.h"
 #include "tool/commands.h"
+#include "tool/entry_listing.h"
 #include "tool/node_check.h"
 
 namespace nodetrace_tool {
@@ -108,6 +109,28 @@ void clearStaleTemporaryFile(bool force) {
   }
 }
 
+// The dump operations record why they failed in System; the newest record
+// made since `before` (a copy of System's descriptor) says it.
+std::string recordedReason(const TraceSetStruct& before) {
+  TraceSetStruct after{};
+  if (!copyDescriptor(SYSTEM_TRACE_SET_ID, after) || after.totalNumberEntries == before.totalNumberEntries) {
+    return "the reason is recorded in the error trace set System";
+  }
+  ListedEntry newest;
+  if (!readEntry(SYSTEM_TRACE_SET_ID, slotOfNewest(after, 1), newest)) {
+    return "the reason is recorded in the error trace set System";
+  }
+  std::string text = newest.contents.substr(0, newest.contents.find('\0'));
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  return "System says: " + text;
+}
+
+TraceSetStruct systemDescriptor() {
+  TraceSetStruct descriptor{};
+  copyDescriptor(SYSTEM_TRACE_SET_ID, descriptor);
+  return descriptor;
+}
+
 struct DumpOptions {
   std::string file;
   bool withSram = false;
@@ -122,10 +145,11 @@ void dump(const DumpOptions& options) {
   clearStaleTemporaryFile(options.force);
   prepareDumpFile(options.file);
   DumpFileGuard guard(options.file);
+  const TraceSetStruct before = systemDescriptor();
   const int32_t result = dumpTracesToFile(options.file.c_str(), options.withSram ? 1 : 0, options.debug ? 1 : 0);
   if (result != 0) {
-    throw ToolError("the dump to '" + options.file + "' failed: " + describeResult(result) +
-                    "; the reason is recorded in the error trace set System");
+    throw ToolError("the dump to '" + options.file + "' failed: " + describeResult(result) + "; " +
+                    recordedReason(before));
   }
   guard.keep();
 }
@@ -135,10 +159,11 @@ void dumpBeforeReset(const DumpOptions& options) {
   requireTraceSystem();
   prepareDumpFile(options.file);
   DumpFileGuard guard(options.file);
+  const TraceSetStruct before = systemDescriptor();
   const int32_t result = dumpTracesBeforeReset(options.file.c_str(), options.direct ? 0 : 1);
   if (result != 0) {
-    throw ToolError("the dump before reset to '" + options.file + "' failed: " + describeResult(result) +
-                    "; the reason is recorded in the error trace set System");
+    throw ToolError("the dump before reset to '" + options.file + "' failed: " + describeResult(result) + "; " +
+                    recordedReason(before));
   }
   guard.keep();
 }

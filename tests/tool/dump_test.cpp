@@ -148,8 +148,8 @@ TEST_F(DumpTest, ExplainsARefusalOfTheLibraryAndLeavesNoFileBehind) {
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err,
             "nodetrace: the dump to '" + out("x.dump") +
-                "' failed: a file could not be read or written (-6); the reason is recorded in the error trace set "
-                "System\n");
+                "' failed: a file could not be read or written (-6); System says: (dumpTracesToFile) Can't create "
+                "file " + path("/tmp/traceDump.tmp") + ": 13 (Permission denied)\n");
   EXPECT_FALSE(fileExists(out("x.dump")));
 }
 

@@ -201,3 +201,16 @@ TEST_F(DecodeLineTest, MillisecondsKeepThreeDigitsInEitherTimeOrder) {
 
 }  // namespace
 }  // namespace nt::test
+
+namespace nt::test {
+namespace {
+
+TEST_F(ShellTest, TheSetsOfTheSramFileKeepTheirRulesUnderAnySpellingOfTheirIds) {
+  expectRun(runTool({"write", "0255", "INF", "x"}), 2, "",
+            "nodetrace: System keeps only entries of severity ERR, WAR and NOT\n");
+  expectRun(runTool({"write", "0254", "ERR", "x"}), 2, "",
+            "nodetrace: NVJ_System keeps the entries of the remote unit; the tool does not write there\n");
+}
+
+}  // namespace
+}  // namespace nt::test
