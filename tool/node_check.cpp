@@ -39,6 +39,9 @@ std::string directoryOf(const std::string& path) {
   return path.substr(0, slash);
 }
 
+constexpr int kHeaderLooks = 10;
+constexpr useconds_t kHeaderLookIntervalUs = 20000;
+
 [[noreturn]] void cannotStart(const std::string& what) {
   throw ToolError("the trace system cannot start: " + what);
 }
@@ -128,7 +131,13 @@ void requireTraceSystem() {
     checkSramFile(objects, false);
     return;
   }
-  const bool written = headerWritten(fd);
+  // The process that creates the object writes the header a moment later,
+  // under the semaphore; a header still missing after a while stays so.
+  bool written = headerWritten(fd);
+  for (int look = 0; !written && look < kHeaderLooks; ++look) {
+    usleep(kHeaderLookIntervalUs);
+    written = headerWritten(fd);
+  }
   close(fd);
   if (!written) {
     cannotStart("the node is half set up: the shared-memory object " + shm +
