@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <regex>
 #include <string>
 
 #include "tests/tool/tool_test.h"
@@ -194,8 +193,15 @@ TEST_F(DecodeLineTest, MillisecondsKeepThreeDigitsInEitherTimeOrder) {
     EXPECT_EQ(result.status, 0) << result.err;
     const std::vector<std::string> lines = linesOf(result.out);
     EXPECT_EQ(lines.size(), 40u);
-    const std::regex stamp(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z\|\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
-    for (const std::string& line : lines) EXPECT_TRUE(std::regex_match(line, stamp)) << order << ": " << line;
+    // '9' stands for any digit.
+    const std::string stamp = "9999-99-99T99:99:99.999Z|9999-99-99T99:99:99.999999Z";
+    for (const std::string& line : lines) {
+      bool matches = line.size() == stamp.size();
+      for (std::size_t i = 0; matches && i < line.size(); ++i) {
+        matches = stamp[i] == '9' ? (line[i] >= '0' && line[i] <= '9') : line[i] == stamp[i];
+      }
+      EXPECT_TRUE(matches) << order << ": " << line;
+    }
   }
 }
 
