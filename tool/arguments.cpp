@@ -1,7 +1,10 @@
 #include "tool/arguments.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstring>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 
@@ -41,13 +44,36 @@ bool allDigits(std::string_view text) {
   return true;
 }
 
+// The number of typing mistakes (a letter left out, added, changed, or two
+// neighbours swapped) between a and b, letters compared without case.
+std::size_t typingDistance(std::string_view a, std::string_view b) {
+  const std::size_t n = a.size();
+  const std::size_t m = b.size();
+  std::vector<std::vector<std::size_t>> d(n + 1, std::vector<std::size_t>(m + 1, 0));
+  for (std::size_t i = 0; i <= n; ++i) d[i][0] = i;
+  for (std::size_t j = 0; j <= m; ++j) d[0][j] = j;
+  const auto same = [](char x, char y) {
+    return std::toupper(static_cast<unsigned char>(x)) == std::toupper(static_cast<unsigned char>(y));
+  };
+  for (std::size_t i = 1; i <= n; ++i) {
+    for (std::size_t j = 1; j <= m; ++j) {
+      const std::size_t cost = same(a[i - 1], b[j - 1]) ? 0 : 1;
+      d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + cost});
+      if (i > 1 && j > 1 && same(a[i - 1], b[j - 2]) && same(a[i - 2], b[j - 1])) {
+        d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+      }
+    }
+  }
+  return d[n][m];
+}
+
 }  // namespace
 
 std::uint8_t severityBit(std::string_view name) {
   for (const SeverityName& severity : kSeverities) {
     if (equalsIgnoringCase(name, severity.name)) return severity.bit;
   }
-  throw ToolError("unknown severity '" + std::string(name) + "' (use ERR, WAR, INF, DBG or NOT)");
+  throw UsageError("unknown severity '" + std::string(name) + "' (use ERR, WAR, INF, DBG or NOT)");
 }
 
 std::uint8_t severityBits(const std::vector<std::string>& names) {
@@ -95,29 +121,71 @@ std::uint32_t parseCategoryMask(std::string_view text) {
     mask = mask << 4 | value;
   }
   if (!valid) {
-    throw ToolError("'" + std::string(text) +
-                    "' is not a category mask (up to 8 hexadecimal digits, such as 0x0000000F)");
+    throw UsageError("'" + std::string(text) +
+                     "' is not a category mask (up to 8 hexadecimal digits, such as 0x0000000F)");
   }
   return mask;
 }
 
-std::int16_t traceSetId(std::string_view nameOrNumber) {
+std::int16_t findTraceSetId(std::string_view nameOrNumber) {
   // Set names never start with a digit, so a number names a set by its id.
   if (allDigits(nameOrNumber)) {
     unsigned long id = 0;
     for (char c : nameOrNumber) {
       id = id * 10 + static_cast<unsigned long>(c - '0');
-      if (id > 0x7FFF) break;
+      if (id > 0x7FFF) return -1;
     }
-    if (id <= 0x7FFF && isValidTraceSetId(static_cast<std::uint16_t>(id)) == 1) {
-      return static_cast<std::int16_t>(id);
-    }
-    throw ToolError("no trace set has the id " + std::string(nameOrNumber));
+    return isValidTraceSetId(static_cast<std::uint16_t>(id)) == 1 ? static_cast<std::int16_t>(id) : -1;
   }
   const std::string name(nameOrNumber);
   const int id = getTraceSetId(name.c_str());
-  if (id < 0) throw ToolError("unknown trace set '" + name + "'");
-  return static_cast<std::int16_t>(id);
+  return id < 0 ? -1 : static_cast<std::int16_t>(id);
+}
+
+std::int16_t traceSetId(std::string_view nameOrNumber) {
+  const std::int16_t id = findTraceSetId(nameOrNumber);
+  if (id >= 0) return id;
+  if (allDigits(nameOrNumber)) throw ToolError("no trace set has the id " + std::string(nameOrNumber));
+  throw ToolError(unknownTraceSetMessage(nameOrNumber));
+}
+
+std::vector<std::string> similarTraceSetNames(std::string_view name) {
+  std::vector<std::string> names;
+  const int count = getCurrentNumberTraceSets();
+  for (int id = 0; id < count; ++id) {
+    const char* known = getTraceSetName(static_cast<std::uint16_t>(id));
+    if (known != nullptr) names.emplace_back(known, strnlen(known, TRACE_SET_NAME_LENGTH));
+  }
+  names.emplace_back("System");
+  if (needsRemoteTraceSupport() == 1) names.emplace_back("NVJ_System");
+
+  // Short names tolerate one mistake, longer ones two; a difference of case
+  // alone counts as none.
+  const std::size_t allowed = name.size() < 5 ? 1 : 2;
+  std::vector<std::pair<std::size_t, std::string>> near;
+  for (const std::string& known : names) {
+    const std::size_t distance = typingDistance(name, known);
+    if (distance <= allowed) near.emplace_back(distance, known);
+  }
+  std::stable_sort(near.begin(), near.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::vector<std::string> result;
+  for (const auto& [distance, known] : near) {
+    if (result.size() == 3) break;
+    result.push_back(known);
+  }
+  return result;
+}
+
+std::string unknownTraceSetMessage(std::string_view name) {
+  std::string message = "unknown trace set '" + std::string(name) + "'";
+  const std::vector<std::string> near = similarTraceSetNames(name);
+  for (std::size_t i = 0; i < near.size(); ++i) {
+    message += i == 0 ? "; did you mean " : (i + 1 == near.size() ? " or " : ", ");
+    message += near[i];
+  }
+  if (!near.empty()) message += "?";
+  return message;
 }
 
 std::vector<std::int16_t> defaultTraceSetIds() {

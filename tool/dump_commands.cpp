@@ -19,6 +19,8 @@
 #include "nodetrace/nodetrace.h"
 #include "tool/arguments.h"
 #include "tool/commands.h"
+#include "tool/entry_listing.h"
+#include "tool/node_check.h"
 
 namespace nodetrace_tool {
 
@@ -37,18 +39,18 @@ bool shellNeutral(char c) {
 }
 
 void checkDumpFileName(const std::string& file, std::size_t limit) {
-  if (file.empty()) throw ToolError("the dump file name is empty");
+  if (file.empty()) throw UsageError("the dump file name is empty");
   if (file.size() > limit) {
-    throw ToolError("the dump file name '" + file + "' is longer than " + std::to_string(limit) + " characters");
+    throw UsageError("the dump file name '" + file + "' is longer than " + std::to_string(limit) + " characters");
   }
   for (char c : file) {
     if (!shellNeutral(c)) {
-      throw ToolError("the dump file name '" + file +
-                      "' may hold only letters, digits and / . _ - + , : @ % = (the library copies the file "
-                      "with a shell command)");
+      throw UsageError("the dump file name '" + file +
+                       "' may hold only letters, digits and / . _ - + , : @ % = (the library copies the file "
+                       "with a shell command)");
     }
   }
-  if (file[0] == '-') throw ToolError("the dump file name '" + file + "' starts with '-'; write ./" + file);
+  if (file[0] == '-') throw UsageError("the dump file name '" + file + "' starts with '-'; write ./" + file);
 }
 
 // Creates the file or empties it: a dump that does not arrive then leaves
@@ -63,11 +65,70 @@ void prepareDumpFile(const std::string& file) {
   close(fd);
 }
 
-void checkDumpArrived(const std::string& file) {
+bool dumpArrived(const std::string& file) {
   struct stat status {};
-  if (stat(file.c_str(), &status) != 0 || status.st_size < static_cast<off_t>(TRACE_MEMORY_HEADER_SIZE)) {
-    throw ToolError("the dump file '" + file + "' was not written (copying the temporary dump failed)");
+  return stat(file.c_str(), &status) == 0 && status.st_size >= static_cast<off_t>(TRACE_MEMORY_HEADER_SIZE);
+}
+
+// Removes the dump file prepared above unless a dump arrived in it, so that
+// a failed dump leaves no empty or partial file that looks like one.
+class DumpFileGuard {
+ public:
+  explicit DumpFileGuard(const std::string& file) : file_(file) {}
+  ~DumpFileGuard() {
+    if (!kept_ && !dumpArrived(file_)) unlink(file_.c_str());
   }
+  DumpFileGuard(const DumpFileGuard&) = delete;
+  DumpFileGuard& operator=(const DumpFileGuard&) = delete;
+  void keep() {
+    if (!dumpArrived(file_)) {
+      throw ToolError("the dump file '" + file_ + "' was not written (copying the temporary dump failed)");
+    }
+    kept_ = true;
+  }
+
+ private:
+  std::string file_;
+  bool kept_ = false;
+};
+
+// The trace dump creates its temporary file exclusively: one left behind by
+// a dump that did not finish makes every later dump fail, with the reason
+// only in System. The tool names it before it starts.
+void clearStaleTemporaryFile(bool force) {
+  const std::string& temporary = nodeObjects().traceDumpTmp;
+  struct stat status {};
+  if (lstat(temporary.c_str(), &status) != 0) return;
+  if (!force) {
+    throw ToolError("the temporary dump file " + temporary +
+                    " is left over from a dump that did not finish (or one is running); remove it (rm " + temporary +
+                    ") or dump with --force");
+  }
+  if (unlink(temporary.c_str()) != 0) {
+    throw ToolError("the temporary dump file " + temporary + " cannot be removed: " + std::strerror(errno));
+  }
+}
+
+// The dump operations record why they failed in System; the newest record
+// made since `before` (a copy of System's descriptor) says it.
+std::string recordedReason(const TraceSetStruct& before) {
+  TraceSetStruct after{};
+  if (!copyDescriptor(SYSTEM_TRACE_SET_ID, after) || after.totalNumberEntries == before.totalNumberEntries) {
+    return "the reason is recorded in the error trace set System";
+  }
+  ListedEntry newest;
+  if (!readEntry(SYSTEM_TRACE_SET_ID, slotOfNewest(after, 1), newest)) {
+    return "the reason is recorded in the error trace set System";
+  }
+  std::string text = newest.contents.substr(0, newest.contents.find('\0'));
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  return "System says: " + text;
+}
+
+TraceSetStruct systemDescriptor() {
+  TraceSetStruct descriptor{};
+  copyDescriptor(SYSTEM_TRACE_SET_ID, descriptor);
+  return descriptor;
 }
 
 struct DumpOptions {
@@ -75,28 +136,36 @@ struct DumpOptions {
   bool withSram = false;
   bool debug = false;
   bool direct = false;
+  bool force = false;
 };
 
 void dump(const DumpOptions& options) {
   checkDumpFileName(options.file, kCopiedNameLimit);
+  requireTraceSystem();
+  clearStaleTemporaryFile(options.force);
   prepareDumpFile(options.file);
+  DumpFileGuard guard(options.file);
+  const TraceSetStruct before = systemDescriptor();
   const int32_t result = dumpTracesToFile(options.file.c_str(), options.withSram ? 1 : 0, options.debug ? 1 : 0);
   if (result != 0) {
-    throw ToolError("the dump to '" + options.file + "' failed: " + describeResult(result) +
-                    "; the reason is recorded in the error trace set System");
+    throw ToolError("the dump to '" + options.file + "' failed: " + describeResult(result) + "; " +
+                    recordedReason(before));
   }
-  checkDumpArrived(options.file);
+  guard.keep();
 }
 
 void dumpBeforeReset(const DumpOptions& options) {
   checkDumpFileName(options.file, options.direct ? kDirectNameLimit : kCopiedNameLimit);
+  requireTraceSystem();
   prepareDumpFile(options.file);
+  DumpFileGuard guard(options.file);
+  const TraceSetStruct before = systemDescriptor();
   const int32_t result = dumpTracesBeforeReset(options.file.c_str(), options.direct ? 0 : 1);
   if (result != 0) {
-    throw ToolError("the dump before reset to '" + options.file + "' failed: " + describeResult(result) +
-                    "; the reason is recorded in the error trace set System");
+    throw ToolError("the dump before reset to '" + options.file + "' failed: " + describeResult(result) + "; " +
+                    recordedReason(before));
   }
-  checkDumpArrived(options.file);
+  guard.keep();
 }
 
 }  // namespace
@@ -109,6 +178,8 @@ void addDumpCommands(CLI::App& app) {
       ->type_name("");
   command->add_flag("--with-sram", options->withSram, "Also dump the sets of the SRAM file, NVJ_System and System");
   command->add_flag("--debug", options->debug, "Also dump entries of severity DBG, which are left out otherwise");
+  command->add_flag("--force", options->force,
+                    "Remove a temporary dump file left over from a dump that did not finish, then dump");
   command->callback([options] { dump(*options); });
 
   auto resetOptions = std::make_shared<DumpOptions>();

@@ -72,8 +72,10 @@ void sortByWriting(std::vector<ListedEntry>& entries) {
 }
 
 void checkFormat(const std::string& format) {
+  // An empty layout would print an empty line for every entry.
+  if (format.empty()) throw UsageError("the format is empty; give directives such as \"%S %c\"");
   if (format.size() >= kFormatLimit) {
-    throw ToolError("the format is " + std::to_string(format.size()) + " characters long; at most " +
+    throw UsageError("the format is " + std::to_string(format.size()) + " characters long; at most " +
                     std::to_string(kFormatLimit - 1) + " are allowed");
   }
 }

@@ -28,6 +28,7 @@
 #include "tool/arguments.h"
 #include "tool/commands.h"
 #include "tool/entry_listing.h"
+#include "tool/node_check.h"
 #include "tool/show_format.h"
 
 namespace nodetrace_tool {
@@ -175,8 +176,9 @@ void follow(const FollowOptions& options) {
   filter.severities = severityBits(options.severities);
   if (!options.category.empty()) filter.categories = parseCategoryMask(options.category);
   if (options.interval < 10 || options.interval > 60000) {
-    throw ToolError("the interval must lie between 10 and 60000 milliseconds");
+    throw UsageError("the interval must lie between 10 and 60000 milliseconds");
   }
+  requireTraceSystem();
   const bool allSets = options.sets.empty();
   std::vector<std::int16_t> ids;
   for (const std::string& name : options.sets) {

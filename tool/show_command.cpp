@@ -1,6 +1,11 @@
 // nodetrace show: the entries of trace sets, merged into one stream in the
 // order in which they were written, oldest first.
 
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -8,7 +13,13 @@
 #include "tool/arguments.h"
 #include "tool/commands.h"
 #include "tool/entry_listing.h"
+#include "tool/node_check.h"
 #include "tool/show_format.h"
+
+#ifdef NODETRACE_TOOL_HAS_DECODE
+#include "tool/decode/dump_reader.h"
+#include "tool/decode/entry_output.h"
+#endif
 
 namespace nodetrace_tool {
 
@@ -20,6 +31,7 @@ struct ShowOptions {
   std::string category;
   std::uint32_t lines = 0;
   bool lastLinesOnly = false;
+  bool previousRun = false;
   std::string format = kDefaultShowFormat;
 };
 
@@ -28,11 +40,105 @@ struct ListedSet {
   TraceSetStruct descriptor;
 };
 
+#ifdef NODETRACE_TOOL_HAS_DECODE
+
+// The reset handling dumps the traces into numbered files under the logs
+// directory, "TraceLog.<n>" and "ErrorTrace.<n>", just before the node
+// restarts; the newest file of each name holds the run before the restart.
+bool isResetDumpName(const std::string& name, const std::string& prefix) {
+  if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0) return false;
+  for (std::size_t i = prefix.size(); i < name.size(); ++i) {
+    if (name[i] < '0' || name[i] > '9') return false;
+  }
+  return true;
+}
+
+std::vector<std::string> previousRunFiles() {
+  const std::string& directory = nodeObjects().logsDir;
+  std::vector<std::string> files;
+  DIR* listing = opendir(directory.c_str());
+  if (listing == nullptr) {
+    throw ToolError("no dump of the previous run: the directory " + directory + " cannot be read");
+  }
+  const char* prefixes[] = {"TraceLog.", "ErrorTrace."};
+  std::string newest[2];
+  struct timespec newestTime[2] = {};
+  while (const dirent* item = readdir(listing)) {
+    const std::string name = item->d_name;
+    for (int kind = 0; kind < 2; ++kind) {
+      if (!isResetDumpName(name, prefixes[kind])) continue;
+      struct stat status {};
+      const std::string path = directory + "/" + name;
+      if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) continue;
+      const struct timespec& time = status.st_mtim;
+      if (newest[kind].empty() || time.tv_sec > newestTime[kind].tv_sec ||
+          (time.tv_sec == newestTime[kind].tv_sec && time.tv_nsec > newestTime[kind].tv_nsec)) {
+        newest[kind] = path;
+        newestTime[kind] = time;
+      }
+    }
+  }
+  closedir(listing);
+  for (const std::string& file : newest) {
+    if (!file.empty()) files.push_back(file);
+  }
+  if (files.empty()) {
+    throw ToolError("no dump of the previous run: " + directory + " holds no TraceLog.<n> or ErrorTrace.<n> file");
+  }
+  return files;
+}
+
+// The entries of the newest dump files written before the reset, merged
+// and laid out as the entries of the running node are.
+void showPreviousRun(const ShowOptions& options, const EntryFilter& filter) {
+  namespace decode = nodetrace_tool::decode;
+  std::vector<decode::DecodedFile> files;
+  for (const std::string& path : previousRunFiles()) {
+    decode::DecodedFile file = decode::readDumpFile(path, decode::TimeOrder::kAuto);
+    std::vector<decode::EntryRecord> kept;
+    for (decode::EntryRecord& entry : file.entries) {
+      const decode::SetRecord& set = file.sets[entry.set];
+      bool named = options.sets.empty();
+      for (const std::string& wanted : options.sets) {
+        named = named || wanted == set.nameText() || wanted == std::to_string(set.id);
+      }
+      TraceEntryHeader header{};
+      header.severity = entry.severity;
+      header.category = entry.category;
+      if (named && filter.matches(header)) kept.push_back(std::move(entry));
+    }
+    file.entries = std::move(kept);
+    files.push_back(std::move(file));
+  }
+  std::vector<decode::EntryRef> stream = decode::mergeByTime(files);
+  if (options.lastLinesOnly && stream.size() > options.lines) {
+    stream.erase(stream.begin(), stream.end() - static_cast<long>(options.lines));
+  }
+  decode::writeEntries(std::cout, files, stream, decode::OutputFormat::kText, options.format);
+  std::cout.flush();
+  std::string problems;
+  for (const decode::DecodedFile& file : files) {
+    if (file.error) problems += (problems.empty() ? "" : "; ") + file.name + ": " + file.error->message;
+  }
+  if (!problems.empty()) throw ToolError(problems);
+}
+
+#endif
+
 void show(const ShowOptions& options) {
   checkFormat(options.format);
   EntryFilter filter;
   filter.severities = severityBits(options.severities);
   if (!options.category.empty()) filter.categories = parseCategoryMask(options.category);
+  if (options.previousRun) {
+#ifdef NODETRACE_TOOL_HAS_DECODE
+    showPreviousRun(options, filter);
+    return;
+#else
+    throw UsageError("--previous-run needs the dump decoder, which this build of the tool lacks");
+#endif
+  }
+  requireTraceSystem();
 
   std::vector<std::int16_t> ids;
   for (const std::string& name : options.sets) ids.push_back(traceSetId(name));
@@ -84,6 +190,9 @@ void addShowCommand(CLI::App& app) {
       ->type_name("N")
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   addLineFormatOption(*command, options->format);
+  command->add_flag("-P,--previous-run,--last-boot", options->previousRun,
+                    "The entries of the run before the node's last reset instead: the newest TraceLog.<n> and "
+                    "ErrorTrace.<n> dump files of the logs directory, merged by time (SET names the sets in them)");
   command->callback([options, command] {
     options->lastLinesOnly = command->count("--lines") > 0;
     show(*options);

@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "tool/arguments.h"
 #include "tool/commands.h"
@@ -48,8 +49,12 @@ int runTool(int argc, char** argv) {
     std::fprintf(stderr, "nodetrace: unknown command '%s'\nRun 'nodetrace --help' for more information.\n", argv[1]);
     return kUsageExitCode;
   }
+  std::vector<std::string> arguments(argv + 1, argv + argc);
+  separateWriteText(arguments);
+  std::vector<char*> words{argv[0]};
+  for (std::string& argument : arguments) words.push_back(argument.data());
   try {
-    app.parse(argc, argv);
+    app.parse(static_cast<int>(words.size()), words.data());
   } catch (const ToolError& error) {
     std::fflush(stdout);
     std::fprintf(stderr, "nodetrace: %s\n", error.what());

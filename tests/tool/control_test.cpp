@@ -21,19 +21,23 @@ TEST_F(ControlTest, SeverityShowsAndChangesTheNodeWideFilter) {
   expectRun(runTool({"severity", "+dbg"}), 0, "ERR WAR INF DBG NOT (0xF8)\n", "");
   EXPECT_EQ(getSeverityFilter(), 0xF8);
   EXPECT_EQ(readFileText(logs("severityMask.conf")), "0xF8\n");
-  expectRun(runTool({"severity", "-INF", "-NOT"}), 0, "ERR WAR DBG (0xD0)\n", "");
+  expectRun(runTool({"severity", "-INF", "-NOT"}), 0, "ERR WAR DBG (0xD0)\n",
+            "nodetrace: note: entries of ERR, WAR and NOT always go to System; the filter holds back only INF and DBG "
+            "entries\n");
   EXPECT_EQ(getSeverityFilter(), 0xD0);
-  expectRun(runTool({"severity", "-ERR", "-WAR", "-DBG"}), 0, "none (0x00)\n", "");
+  expectRun(runTool({"severity", "-ERR", "-WAR", "-DBG"}), 0, "none (0x00)\n",
+            "nodetrace: note: entries of ERR, WAR and NOT always go to System; the filter holds back only INF and DBG "
+            "entries\n");
   expectRun(runTool({"severity", "+ERR", "+WAR", "+INF", "+NOT"}), 0, "ERR WAR INF NOT (0xE8)\n", "");
 }
 
 TEST_F(ControlTest, SeverityRefusesBadChangesBeforeMakingAny) {
-  expectRun(runTool({"severity", "+DBG", "+FOO"}), 1, "",
+  expectRun(runTool({"severity", "+DBG", "+FOO"}), 2, "",
             "nodetrace: unknown severity 'FOO' (use ERR, WAR, INF, DBG or NOT)\n");
   EXPECT_EQ(getSeverityFilter(), 0xE8);
-  expectRun(runTool({"severity", "DBG"}), 1, "",
+  expectRun(runTool({"severity", "DBG"}), 2, "",
             "nodetrace: 'DBG': write +NAME to let a severity through or -NAME to filter it out\n");
-  expectRun(runTool({"severity", "+"}), 1, "", "nodetrace: unknown severity '' (use ERR, WAR, INF, DBG or NOT)\n");
+  expectRun(runTool({"severity", "+"}), 2, "", "nodetrace: unknown severity '' (use ERR, WAR, INF, DBG or NOT)\n");
   EXPECT_EQ(getSeverityFilter(), 0xE8);
 }
 
@@ -49,10 +53,10 @@ TEST_F(ControlTest, MaskShowsAndReplacesTheCategoryMask) {
 
 TEST_F(ControlTest, MaskRefusals) {
   createSet("Radio", TS_STRING, 16, 128, 0x0000000F);
-  expectRun(runTool({"mask", "System", "1"}), 1, "",
+  expectRun(runTool({"mask", "System", "1"}), 2, "",
             "nodetrace: the category mask of System cannot be changed: the sets of the SRAM file keep every "
             "category\n");
-  expectRun(runTool({"mask", "Radio", "0xG"}), 1, "",
+  expectRun(runTool({"mask", "Radio", "0xG"}), 2, "",
             "nodetrace: '0xG' is not a category mask (up to 8 hexadecimal digits, such as 0x0000000F)\n");
   expectRun(runTool({"mask", "Nope"}), 1, "", "nodetrace: unknown trace set 'Nope'\n");
   expectRun(runTool({"mask"}), 2, "",
@@ -90,9 +94,9 @@ TEST_F(ControlTest, ClearEmptiesAUserSet) {
 }
 
 TEST_F(ControlTest, ClearRefusals) {
-  expectRun(runTool({"clear", "System"}), 1, "",
+  expectRun(runTool({"clear", "System"}), 2, "",
             "nodetrace: the trace set System cannot be cleared: the sets of the SRAM file are kept across resets\n");
-  expectRun(runTool({"clear", "254"}), 1, "",
+  expectRun(runTool({"clear", "254"}), 2, "",
             "nodetrace: the trace set 254 cannot be cleared: the sets of the SRAM file are kept across resets\n");
   expectRun(runTool({"clear", "Radio"}), 1, "", "nodetrace: unknown trace set 'Radio'\n");
 }
@@ -137,8 +141,8 @@ TEST_F(ControlTest, WriteOfDumpEntries) {
   EXPECT_EQ(first.header.contentsLength, 4);
   EXPECT_EQ(Bytes(first.contents.begin(), first.contents.begin() + 4), (Bytes{0x41, 0x42, 0x0A, 0xFF}));
   EXPECT_EQ(slot(frames, 1).text(), "raw");
-  expectRun(runTool({"write", "Frames", "INF", "--hex", "4"}), 1, "", "nodetrace: '4' ends in half a byte\n");
-  expectRun(runTool({"write", "Frames", "INF", "--hex", "zz"}), 1, "",
+  expectRun(runTool({"write", "Frames", "INF", "--hex", "4"}), 2, "", "nodetrace: '4' ends in half a byte\n");
+  expectRun(runTool({"write", "Frames", "INF", "--hex", "zz"}), 2, "",
             "nodetrace: 'zz' is not a row of hexadecimal bytes (such as \"41 42 0a\")\n");
   expectRun(runTool({"write", "Frames", "WAR", "x"}), 1, "",
             "nodetrace: entries of ERR, WAR and NOT go to System, which keeps text; Frames keeps dump entries\n");
@@ -159,14 +163,15 @@ TEST_F(ControlTest, WriteNotesEntriesTheFiltersDrop) {
 
 TEST_F(ControlTest, WriteRefusals) {
   createSet("Radio", TS_STRING, 16, 128);
-  expectRun(runTool({"write", "Nope", "INF", "x"}), 1, "", "nodetrace: unknown trace set 'Nope'\n");
-  expectRun(runTool({"write", "Radio", "LOUD", "x"}), 1, "",
+  expectRun(runTool({"write", "Nope", "INF", "x"}), 1, "",
+            "nodetrace: unknown trace set 'Nope' (write with --create to create it)\n");
+  expectRun(runTool({"write", "Radio", "LOUD", "x"}), 2, "",
             "nodetrace: unknown severity 'LOUD' (use ERR, WAR, INF, DBG or NOT)\n");
   expectRun(runTool({"write", "Radio", "INF", "--hex", "41"}), 1, "",
             "nodetrace: --hex needs a trace set of dump entries; Radio keeps text\n");
-  expectRun(runTool({"write", "System", "INF", "x"}), 1, "",
+  expectRun(runTool({"write", "System", "INF", "x"}), 2, "",
             "nodetrace: System keeps only entries of severity ERR, WAR and NOT\n");
-  expectRun(runTool({"write", "NVJ_System", "ERR", "x"}), 1, "",
+  expectRun(runTool({"write", "NVJ_System", "ERR", "x"}), 2, "",
             "nodetrace: NVJ_System keeps the entries of the remote unit; the tool does not write there\n");
   expectRun(runTool({"write", "Radio", "INF"}), 2, "",
             "nodetrace: TEXT is required\nRun 'nodetrace write --help' for more information.\n");

@@ -104,28 +104,53 @@ TEST_F(DumpTest, RefusesFilesItCannotWrite) {
   expectError({"dump", missing}, 1,
               "nodetrace: cannot write the dump file '" + missing + "': No such file or directory\n");
   expectError({"dump", root_}, 1, "nodetrace: cannot write the dump file '" + root_ + "': not a regular file\n");
-  expectError({"dump", "a b"}, 1,
+  expectError({"dump", "a b"}, 2,
               "nodetrace: the dump file name 'a b' may hold only letters, digits and / . _ - + , : @ % = (the "
               "library copies the file with a shell command)\n");
-  expectError({"dump", "x;rm"}, 1,
+  expectError({"dump", "x;rm"}, 2,
               "nodetrace: the dump file name 'x;rm' may hold only letters, digits and / . _ - + , : @ % = (the "
               "library copies the file with a shell command)\n");
-  expectError({"dump", "--", "-x"}, 1, "nodetrace: the dump file name '-x' starts with '-'; write ./-x\n");
+  expectError({"dump", "--", "-x"}, 2, "nodetrace: the dump file name '-x' starts with '-'; write ./-x\n");
   const std::string longName = "/" + std::string(40, 'a');
-  expectError({"dump-before-reset", "--direct", longName}, 1,
+  expectError({"dump-before-reset", "--direct", longName}, 2,
               "nodetrace: the dump file name '" + longName + "' is longer than 39 characters\n");
   expectError({"dump"}, 2, "nodetrace: FILE is required\nRun 'nodetrace dump --help' for more information.\n");
 }
 
-TEST_F(DumpTest, ExplainsARefusalOfTheLibrary) {
+TEST_F(DumpTest, NamesAStaleTemporaryFileAndRemovesItWithForce) {
   // A temporary file left by an earlier dump stops every dump of the node.
-  writeFileText(path("/tmp/traceDump.tmp"), "stale");
-  const ToolResult result = runTool({"dump", out("x.dump")});
+  const std::string temporary = path("/tmp/traceDump.tmp");
+  writeFileText(temporary, "stale");
+  ToolResult result = runTool({"dump", out("x.dump")});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "nodetrace: the temporary dump file " + temporary +
+                            " is left over from a dump that did not finish (or one is running); remove it (rm " +
+                            temporary + ") or dump with --force\n");
+  EXPECT_FALSE(fileExists(out("x.dump")));
+  EXPECT_TRUE(fileExists(temporary));
+
+  result = runTool({"dump", "--force", out("x.dump")});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.err, "");
+  EXPECT_FALSE(fileExists(temporary));
+  const DumpFile file = decodeDump(readFileBytes(out("x.dump")), StampOrder::kBigEndian);
+  EXPECT_EQ(file.descriptors.size(), 2u);
+}
+
+TEST_F(DumpTest, ExplainsARefusalOfTheLibraryAndLeavesNoFileBehind) {
+  // The temporary file cannot be created in a directory without write
+  // permission; an earlier file of the name given is gone as well.
+  writeFileText(out("x.dump"), "old");
+  ASSERT_EQ(chmod(path("/tmp").c_str(), 0555), 0);
+  const ToolResult result = runToolWithoutFilePrivileges({"dump", out("x.dump")});
+  chmod(path("/tmp").c_str(), 0755);
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err,
             "nodetrace: the dump to '" + out("x.dump") +
-                "' failed: a file could not be read or written (-6); the reason is recorded in the error trace set "
-                "System\n");
+                "' failed: a file could not be read or written (-6); System says: (dumpTracesToFile) Can't create "
+                "file " + path("/tmp/traceDump.tmp") + ": 13 (Permission denied)\n");
+  EXPECT_FALSE(fileExists(out("x.dump")));
 }
 
 }  // namespace

@@ -133,7 +133,7 @@ TEST_F(FollowTest, Refusals) {
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "nodetrace: unknown trace set 'Nope'\n");
   result = runTool({"follow", "-i", "5"});
-  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err, "nodetrace: the interval must lie between 10 and 60000 milliseconds\n");
 }
 

@@ -19,7 +19,7 @@ TEST_F(HelpTest, TheToolListsEveryCommand) {
   EXPECT_EQ(lines[0], "Read, follow, filter and dump the traces of the node, and control the trace system.");
   EXPECT_EQ(lines[1], "Usage: nodetrace [OPTIONS] SUBCOMMAND");
   for (const char* command : {"sets", "show", "follow", "dump", "dump-before-reset", "severity", "mask", "enable",
-                              "disable", "clear", "write"}) {
+                              "disable", "clear", "write", "create"}) {
     bool listed = false;
     for (const std::string& line : lines) listed = listed || line.rfind("  " + std::string(command) + " ", 0) == 0;
     EXPECT_TRUE(listed) << command;
@@ -40,6 +40,7 @@ TEST_F(HelpTest, EveryCommandHasItsHelp) {
       {"disable", "Usage: nodetrace disable [OPTIONS] REASON..."},
       {"clear", "Usage: nodetrace clear [OPTIONS] SET"},
       {"write", "Usage: nodetrace write [OPTIONS] SET SEVERITY TEXT..."},
+      {"create", "Usage: nodetrace create [OPTIONS] SET"},
   };
   for (const auto& [command, usage] : usages) {
     const ToolResult result = runTool({command, "--help"});

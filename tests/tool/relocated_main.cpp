@@ -4,9 +4,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "logbridge/log_file.h"
 #include "tool/commands.h"
+#include "tool/node_check.h"
 #include "trace/node_names.h"
 
 int main(int argc, char** argv) {
@@ -18,6 +20,10 @@ int main(int argc, char** argv) {
       return 70;
     }
     nt::resetLogBridgeForTests();  // its paths follow the names just set
+    // The tool's own look at the node follows them too.
+    const std::string base(root);
+    nodetrace_tool::setNodeObjects({std::string("/shmem_Trace") + suffix, std::string("traceMutex") + suffix,
+                                    base + "/var/log/sram", base + "/ffs/run/logs", base + "/tmp/traceDump.tmp"});
   }
   return nodetrace_tool::runTool(argc, argv);
 }

@@ -4,6 +4,8 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -49,9 +51,13 @@ int statusOf(int status) {
 }
 
 // Starts the tool with stdout and stderr on the given descriptors and
-// standard input from /dev/null.
+// standard input from /dev/null. A tool without file privileges runs as a
+// user that the permission bits of the node's files apply to: as root it
+// loses the capabilities that override them (a test run as root would
+// otherwise pass every permission check); as any other user it is one
+// already.
 pid_t spawnTool(const std::vector<std::string>& environment, const std::vector<std::string>& arguments, int outFd,
-                int errFd) {
+                int errFd, bool withoutFilePrivileges = false) {
   // The emulator's words first, if the tool needs one.
   std::vector<std::string> argumentStore;
   const std::string_view emulator = NODETRACE_TOOL_EMULATOR;
@@ -69,6 +75,26 @@ pid_t spawnTool(const std::vector<std::string>& environment, const std::vector<s
   std::vector<char*> envp;
   for (std::string& variable : environmentStore) envp.push_back(variable.data());
   envp.push_back(nullptr);
+
+  if (withoutFilePrivileges) {
+    const pid_t child = fork();
+    if (child == 0) {
+      for (const int capability : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH, CAP_FOWNER}) {
+        prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);  // refused without the right to: nothing to drop then
+      }
+      const int in = open("/dev/null", O_RDONLY);
+      dup2(in, 0);
+      dup2(outFd, 1);
+      dup2(errFd, 2);
+      sigset_t none;
+      sigemptyset(&none);
+      sigprocmask(SIG_SETMASK, &none, nullptr);
+      execve(argv[0], argv.data(), envp.data());
+      _exit(127);
+    }
+    EXPECT_GT(child, 0) << std::strerror(errno);
+    return child;
+  }
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -187,10 +213,18 @@ std::vector<std::string> ToolTest::toolEnvironment() const {
 }
 
 ToolResult ToolTest::runTool(const std::vector<std::string>& arguments) const {
+  return runTool(arguments, false);
+}
+
+ToolResult ToolTest::runToolWithoutFilePrivileges(const std::vector<std::string>& arguments) const {
+  return runTool(arguments, true);
+}
+
+ToolResult ToolTest::runTool(const std::vector<std::string>& arguments, bool withoutFilePrivileges) const {
   ToolResult result;
   const int outFd = anonymousFile();
   const int errFd = anonymousFile();
-  const pid_t pid = spawnTool(toolEnvironment(), arguments, outFd, errFd);
+  const pid_t pid = spawnTool(toolEnvironment(), arguments, outFd, errFd, withoutFilePrivileges);
   if (pid > 0) {
     int status = 0;
     waitpid(pid, &status, 0);

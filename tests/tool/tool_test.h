@@ -50,8 +50,17 @@ class ToolTest : public StoreTest {
  protected:
   // Runs the tool with arguments to its end.
   ToolResult runTool(const std::vector<std::string>& arguments) const;
+  // The same as a user whom the permission bits of the node's files bind
+  // (also when the test runs as root).
+  ToolResult runToolWithoutFilePrivileges(const std::vector<std::string>& arguments) const;
   // The environment that moves the tool to this test's node.
   std::vector<std::string> toolEnvironment() const;
+  // Where users see this node's shared-memory object and semaphore.
+  std::string shmPath() const { return "/dev/shm" + shmName(); }
+  std::string semaphorePath() const { return "/dev/shm/sem." + semaphoreName(); }
+
+ private:
+  ToolResult runTool(const std::vector<std::string>& arguments, bool withoutFilePrivileges) const;
 };
 
 }  // namespace nt::test

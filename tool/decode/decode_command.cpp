@@ -25,7 +25,7 @@ void addDecodeCommand(CLI::App& app) {
       "decode",
       "Decode dump files written by the trace dump or the dump before reset, on any host (no node needed). "
       "The entries of several files merge into one stream by time.");
-  command->add_option("FILE", line->files, "Dump files to decode")->required();
+  command->add_option("FILE", line->files, "Dump files to decode")->required()->type_name("");
   command
       ->add_option("--format", line->format,
                    "Output: text (lines like show), jsonl (one JSON object per entry), csv, chrome "

@@ -39,7 +39,10 @@ class LinePrinter {
  public:
   LinePrinter(std::int16_t traceSetId, const SetRecord& set, const EntryRecord& entry)
       : traceSetId_(traceSetId), set_(set), entry_(entry) {
-    microseconds_ = entry.realNanoseconds / 1000u;
+    // Stamps read in the wrong byte order (--time-order) can hold 10^9
+    // nanoseconds or more; the fraction of a second stays below one second,
+    // so milliseconds keep three digits and microseconds six.
+    microseconds_ = (entry.realNanoseconds % 1000000000u) / 1000u;
   }
 
   std::string line(std::string_view format) {
