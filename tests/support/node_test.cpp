@@ -58,6 +58,8 @@ void NodeTest::SetUp() {
   setLockDeadlineMillisecondsForTests(kTestLockDeadlineMilliseconds);
 }
 
+void NodeTest::useRealLockDeadline() { setLockDeadlineMillisecondsForTests(0); }
+
 void NodeTest::TearDown() {
   setTestPointHook(nullptr);
   setLockDeadlineMillisecondsForTests(0);

@@ -420,6 +420,7 @@ TEST_F(WriterTest, ErrorTraceRecordsTakeSequenceNumbersToo) {
 }
 
 TEST_F(WriterTest, ErrorEntriesRacingUserEntriesNeverShareASequenceNumber) {
+  useRealLockDeadline();
   constexpr unsigned kUserEntries = 3000;
   constexpr unsigned kErrorEntries = 40;
   const std::int16_t id = createSet("Equip", TS_STRING, kUserEntries, 128);

@@ -887,6 +887,7 @@ TEST_F(ErrorTraceTest, ProcessesAppendingAtOnce) {
 }
 
 TEST_F(ErrorTraceTest, ThreadsAppendingAtOnce) {
+  useRealLockDeadline();
   constexpr int kThreads = 4;
   constexpr int kEntries = 25;
   std::atomic<bool> go{false};

@@ -551,6 +551,7 @@ TEST_F(RemoteTest, ErrnoIsTheCallersAfterEveryCall) {
 // ---- addRemoteEntry: writers at once --------------------------------------------
 
 TEST_F(RemoteTest, ThreadsStoringIntoOneSetNeverShareASlotOrASequenceNumber) {
+  useRealLockDeadline();
   constexpr int kThreads = 4;
   constexpr int kRecords = 50;
   const std::int16_t id = createSet("Radio", TS_STRING, kThreads * kRecords);
@@ -1037,6 +1038,7 @@ TEST_F(RemoteTest, FailedWritesNameTheirLines) {
 // ---- addRemoteSystemEntry: writers at once --------------------------------------
 
 TEST_F(RemoteTest, ProcessesAppendingSystemRecordsAtOnceAreSerialised) {
+  useRealLockDeadline();
   constexpr int kProcesses = 3;
   constexpr int kRecords = 30;
   const std::vector<int> statuses = runChildrenAtOnce(kProcesses, [](int p) {

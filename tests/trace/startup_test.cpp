@@ -256,6 +256,7 @@ TEST_F(StartupTest, TwoProcessesStartingAtOnceCreateExactlyOnce) {
 }
 
 TEST_F(StartupTest, ThreadsOfOneProcessStartItOnce) {
+  useRealLockDeadline();
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) threads.emplace_back([] { getCurrentNumberTraceSets(); });
   for (auto& thread : threads) thread.join();

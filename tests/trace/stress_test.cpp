@@ -170,6 +170,7 @@ class StressTest : public StoreTest {
 };
 
 TEST_F(StressTest, EveryProcessEndsNormallyWhileAnotherDamagesTheDescriptors) {
+  useRealLockDeadline();
   const std::vector<int> statuses = runChildrenAtOnce(kRoles, [this](int role) { return run(role); });
   ASSERT_EQ(statuses.size(), static_cast<std::size_t>(kRoles));
   for (int role = 0; role < kRoles; ++role) EXPECT_EQ(statuses[static_cast<std::size_t>(role)], 0) << "role " << role;
