@@ -327,9 +327,11 @@ namespace {
   return addEntry(call, {});
 }
 
-[[gnu::noinline]] int tracePrintfPastTheGate(Look look, std::uint16_t traceSetId, std::uint32_t severity,
-                                             std::uint32_t category, const char* file, std::int32_t line,
-                                             const char* format, std::va_list args) noexcept {
+// The format is the caller's printf format (checked by the compiler where
+// tracePrintf is called), handed on with its arguments.
+[[gnu::noinline, gnu::format(printf, 7, 0)]] int tracePrintfPastTheGate(
+    Look look, std::uint16_t traceSetId, std::uint32_t severity, std::uint32_t category, const char* file,
+    std::int32_t line, const char* format, std::va_list args) noexcept {
   const ErrnoGuard keepErrno;
   const int callerErrno = errno;
   Checked checked{look.gate == Gate::kStore, look.descriptor};
