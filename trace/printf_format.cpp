@@ -51,7 +51,7 @@ constexpr std::size_t kBlock = 16;
 
 enum class Length : unsigned char { kInt, kChar, kShort, kLong, kLongLong, kIntMax, kSize, kPtrDiff };
 
-struct Spec {
+struct Conversion {
   bool left = false;
   bool plus = false;
   bool space = false;
@@ -131,17 +131,17 @@ char* digitsOf(char* end, std::uint64_t value, unsigned base, const char* digitC
 
 // A number with its sign or 0x prefix, precision zeros, width padding.
 // signChar is '-', '+', ' ' or 0; hexPrefix is 'x', 'X' or 0.
-void putNumber(Output& out, const Spec& spec, std::uint64_t magnitude, char signChar, unsigned base,
+void putNumber(Output& out, const Conversion& conv, std::uint64_t magnitude, char signChar, unsigned base,
                char hexPrefix, const char* digitChars) noexcept {
   char buffer[24];  // 22 octal digits of a 64-bit value, and one more 0 for #
   char* const end = buffer + sizeof buffer;
   char* first = end;
-  if (magnitude != 0 || spec.precision != 0) first = digitsOf(end, magnitude, base, digitChars);
+  if (magnitude != 0 || conv.precision != 0) first = digitsOf(end, magnitude, base, digitChars);
   auto digitCount = static_cast<std::size_t>(end - first);
   // # of an octal value makes its first digit a 0, unless the precision
   // already puts one there.
-  if (base == 8 && spec.alt && (digitCount == 0 || *first != '0') &&
-      (spec.precision < 0 || static_cast<std::size_t>(spec.precision) <= digitCount)) {
+  if (base == 8 && conv.alt && (digitCount == 0 || *first != '0') &&
+      (conv.precision < 0 || static_cast<std::size_t>(conv.precision) <= digitCount)) {
     *--first = '0';
     ++digitCount;
   }
@@ -153,18 +153,18 @@ void putNumber(Output& out, const Spec& spec, std::uint64_t magnitude, char sign
     prefix[prefixLength++] = hexPrefix;
   }
   std::size_t zeros = 0;
-  if (spec.precision >= 0) {
-    if (static_cast<std::size_t>(spec.precision) > digitCount) zeros = static_cast<std::size_t>(spec.precision) - digitCount;
-  } else if (spec.zero && !spec.left && spec.width > prefixLength + digitCount) {
-    zeros = spec.width - prefixLength - digitCount;
+  if (conv.precision >= 0) {
+    if (static_cast<std::size_t>(conv.precision) > digitCount) zeros = static_cast<std::size_t>(conv.precision) - digitCount;
+  } else if (conv.zero && !conv.left && conv.width > prefixLength + digitCount) {
+    zeros = conv.width - prefixLength - digitCount;
   }
   const std::size_t total = prefixLength + zeros + digitCount;
-  const std::size_t padding = spec.width > total ? spec.width - total : 0;
-  if (!spec.left) out.fill(' ', padding);
+  const std::size_t padding = conv.width > total ? conv.width - total : 0;
+  if (!conv.left) out.fill(' ', padding);
   out.append(prefix, prefixLength);
   out.fill('0', zeros);
   out.append(first, digitCount);
-  if (spec.left) out.fill(' ', padding);
+  if (conv.left) out.fill(' ', padding);
 }
 
 // %d without flags, width or precision.
@@ -204,11 +204,11 @@ void putPlainDecimal(Output& out, int value) noexcept {
   out.length = length;
 }
 
-void putText(Output& out, const Spec& spec, const char* text, std::size_t n) noexcept {
-  const std::size_t padding = spec.width > n ? spec.width - n : 0;
-  if (!spec.left) out.fill(' ', padding);
+void putText(Output& out, const Conversion& conv, const char* text, std::size_t n) noexcept {
+  const std::size_t padding = conv.width > n ? conv.width - n : 0;
+  if (!conv.left) out.fill(' ', padding);
   out.append(text, n);
-  if (spec.left) out.fill(' ', padding);
+  if (conv.left) out.fill(' ', padding);
 }
 
 bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
@@ -284,18 +284,18 @@ bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
       continue;
     }
 
-    Spec spec;
+    Conversion conv;
     for (;; ++p) {
       if (*p == '-') {
-        spec.left = true;
+        conv.left = true;
       } else if (*p == '+') {
-        spec.plus = true;
+        conv.plus = true;
       } else if (*p == ' ') {
-        spec.space = true;
+        conv.space = true;
       } else if (*p == '#') {
-        spec.alt = true;
+        conv.alt = true;
       } else if (*p == '0') {
-        spec.zero = true;
+        conv.zero = true;
       } else {
         break;
       }
@@ -307,12 +307,12 @@ bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
       const int width = va_arg(*ap, int);
       if (width < -static_cast<int>(kLargestField) || width > static_cast<int>(kLargestField)) return false;
       if (width < 0) {
-        spec.left = true;
-        spec.width = static_cast<unsigned>(-width);
+        conv.left = true;
+        conv.width = static_cast<unsigned>(-width);
       } else {
-        spec.width = static_cast<unsigned>(width);
+        conv.width = static_cast<unsigned>(width);
       }
-    } else if (!readNumber(p, spec.width) || *p == '$') {
+    } else if (!readNumber(p, conv.width) || *p == '$') {
       return false;  // a huge width, or a positional argument n$
     }
 
@@ -323,42 +323,42 @@ bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
         if (isDigit(*p)) return false;
         const int precision = va_arg(*ap, int);
         if (precision > static_cast<int>(kLargestField)) return false;
-        spec.precision = precision < 0 ? kNoPrecision : precision;
+        conv.precision = precision < 0 ? kNoPrecision : precision;
       } else {
         unsigned precision = 0;
         if (!readNumber(p, precision)) return false;
-        spec.precision = static_cast<int>(precision);
+        conv.precision = static_cast<int>(precision);
       }
     }
 
     switch (*p) {
       case 'h':
         ++p;
-        spec.length = Length::kShort;
+        conv.length = Length::kShort;
         if (*p == 'h') {
           ++p;
-          spec.length = Length::kChar;
+          conv.length = Length::kChar;
         }
         break;
       case 'l':
         ++p;
-        spec.length = Length::kLong;
+        conv.length = Length::kLong;
         if (*p == 'l') {
           ++p;
-          spec.length = Length::kLongLong;
+          conv.length = Length::kLongLong;
         }
         break;
       case 'j':
         ++p;
-        spec.length = Length::kIntMax;
+        conv.length = Length::kIntMax;
         break;
       case 'z':
         ++p;
-        spec.length = Length::kSize;
+        conv.length = Length::kSize;
         break;
       case 't':
         ++p;
-        spec.length = Length::kPtrDiff;
+        conv.length = Length::kPtrDiff;
         break;
       default:
         break;
@@ -369,7 +369,7 @@ bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
       case 'd':
       case 'i': {
         long long value = 0;
-        switch (spec.length) {
+        switch (conv.length) {
           case Length::kInt: value = va_arg(*ap, int); break;
           case Length::kChar: value = static_cast<signed char>(va_arg(*ap, int)); break;
           case Length::kShort: value = static_cast<short>(va_arg(*ap, int)); break;
@@ -384,12 +384,12 @@ bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
         if (value < 0) {
           signChar = '-';
           magnitude = 0 - magnitude;
-        } else if (spec.plus) {
+        } else if (conv.plus) {
           signChar = '+';
-        } else if (spec.space) {
+        } else if (conv.space) {
           signChar = ' ';
         }
-        putNumber(out, spec, magnitude, signChar, 10, 0, kLowerDigits);
+        putNumber(out, conv, magnitude, signChar, 10, 0, kLowerDigits);
         break;
       }
       case 'u':
@@ -397,7 +397,7 @@ bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
       case 'X':
       case 'o': {
         std::uint64_t value = 0;
-        switch (spec.length) {
+        switch (conv.length) {
           case Length::kInt: value = va_arg(*ap, unsigned); break;
           case Length::kChar: value = static_cast<unsigned char>(va_arg(*ap, unsigned)); break;
           case Length::kShort: value = static_cast<unsigned short>(va_arg(*ap, unsigned)); break;
@@ -409,39 +409,39 @@ bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
         }
         const unsigned base = conversion == 'u' ? 10 : conversion == 'o' ? 8 : 16;
         const char* const digitChars = conversion == 'X' ? kUpperDigits : kLowerDigits;
-        const char hexPrefix = base == 16 && spec.alt && value != 0 ? (conversion == 'X' ? 'X' : 'x') : 0;
-        putNumber(out, spec, value, 0, base, hexPrefix, digitChars);
+        const char hexPrefix = base == 16 && conv.alt && value != 0 ? (conversion == 'X' ? 'X' : 'x') : 0;
+        putNumber(out, conv, value, 0, base, hexPrefix, digitChars);
         break;
       }
       case 's': {
-        if (spec.length != Length::kInt) return false;  // %ls and the like
+        if (conv.length != Length::kInt) return false;  // %ls and the like
         const char* text = va_arg(*ap, const char*);
         std::size_t n;
         if (text == nullptr) {
-          const bool shown = spec.precision < 0 || spec.precision >= 6;
+          const bool shown = conv.precision < 0 || conv.precision >= 6;
           text = "(null)";
           n = shown ? 6 : 0;
         } else {
-          n = spec.precision < 0 ? std::strlen(text) : strnlen(text, static_cast<std::size_t>(spec.precision));
+          n = conv.precision < 0 ? std::strlen(text) : strnlen(text, static_cast<std::size_t>(conv.precision));
         }
-        putText(out, spec, text, n);
+        putText(out, conv, text, n);
         if (out.length > INT_MAX) return false;
         break;
       }
       case 'c': {
-        if (spec.length != Length::kInt) return false;  // %lc
+        if (conv.length != Length::kInt) return false;  // %lc
         const char character = static_cast<char>(static_cast<unsigned char>(va_arg(*ap, int)));
-        putText(out, spec, &character, 1);
+        putText(out, conv, &character, 1);
         break;
       }
       case 'p': {
-        if (spec.length != Length::kInt) return false;
+        if (conv.length != Length::kInt) return false;
         const void* pointer = va_arg(*ap, void*);
         if (pointer == nullptr) {
-          putText(out, spec, "(nil)", 5);
+          putText(out, conv, "(nil)", 5);
         } else {
-          const char signChar = spec.plus ? '+' : spec.space ? ' ' : 0;
-          putNumber(out, spec, reinterpret_cast<std::uintptr_t>(pointer), signChar, 16, 'x', kLowerDigits);
+          const char signChar = conv.plus ? '+' : conv.space ? ' ' : 0;
+          putNumber(out, conv, reinterpret_cast<std::uintptr_t>(pointer), signChar, 16, 'x', kLowerDigits);
         }
         break;
       }
