@@ -49,20 +49,12 @@ const Sets& sets() {
   return created;
 }
 
-__attribute__((format(printf, 2, 3))) int formatInto(char* buffer, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  const int n = std::vsnprintf(buffer, 128, format, args);
-  va_end(args);
-  return n;
-}
-
 void BM_Baseline_FormatClocksAndCopySlot(benchmark::State& state) {
   alignas(8) static std::uint8_t slot[208];
   char text[128];
   int i = 0;
   for (auto _ : state) {
-    formatInto(text, "value %d of %s", ++i, "unit");
+    nt::bench::formatInto(text, "value %d of %s", ++i, "unit");
     timespec mono{}, real{};
     clock_gettime(CLOCK_MONOTONIC, &mono);
     clock_gettime(CLOCK_REALTIME, &real);

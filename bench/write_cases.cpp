@@ -49,14 +49,6 @@ const Sets& sets() {
   return created;
 }
 
-__attribute__((format(printf, 2, 3))) int formatInto(char* buffer, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  const int n = std::vsnprintf(buffer, 128, format, args);
-  va_end(args);
-  return n;
-}
-
 alignas(8) std::uint8_t g_textSlot[208];
 alignas(8) std::uint8_t g_dumpSlot[1680];
 std::uint8_t g_dumpData[1600];
