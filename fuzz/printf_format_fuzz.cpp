@@ -1,4 +1,5 @@
-// Differential fuzz target of the entry text formatter: nt::formatText
+// Differential fuzz target of the entry text formatter: nt::formatText (and
+// nt::formatEntryText, the entry writer's form of it)
 // against the C library's vsnprintf.
 //
 // The input is read as a small program that builds a format and a matching
@@ -312,6 +313,36 @@ void compareBoth(const Case* c, ...) {
                    shown(actual, sizeof actual).c_str());
       std::abort();
     }
+  }
+
+  // The entry writer's form: the same text into a 128-byte entry buffer,
+  // its length up to the first zero byte, and zeros after it.
+  char expected[128];
+  std::memset(expected, 0, sizeof expected);
+  va_list args;
+  va_start(args, c);
+  errno = c->errnoValue;
+  std::vsnprintf(expected, sizeof expected, c->format.c_str(), args);
+  const int expectedErrno = errno;
+  va_end(args);
+  const std::size_t expectedLength = strnlen(expected, sizeof expected);
+  std::memset(expected + expectedLength, 0, sizeof expected - expectedLength);
+
+  nt::EntryTextBuffer entry;
+  std::memset(&entry, 0xA5, sizeof entry);
+  va_start(args, c);
+  errno = c->errnoValue;
+  const std::size_t actualLength = nt::formatEntryText(entry, c->format.c_str(), args);
+  const int actualErrno = errno;
+  va_end(args);
+  if (actualLength != expectedLength || actualErrno != expectedErrno ||
+      std::memcmp(expected, entry.text, sizeof expected) != 0) {
+    std::fprintf(stderr, "format \"%s\", entry text\n", shown(c->format.data(), c->format.size()).c_str());
+    std::fprintf(stderr, "vsnprintf:       %zu, errno %d, \"%s\"\n", expectedLength, expectedErrno,
+                 shown(expected, sizeof expected).c_str());
+    std::fprintf(stderr, "formatEntryText: %zu, errno %d, \"%s\"\n", actualLength, actualErrno,
+                 shown(entry.text, sizeof expected).c_str());
+    std::abort();
   }
 }
 

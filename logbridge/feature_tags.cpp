@@ -20,7 +20,7 @@
 // The feature tag table. Rows 0 to 29 are the application families of the
 // node, named as their trace sets are; row 30 takes the library's own
 // records and every error entry, row 31 any set whose name no row holds.
-extern "C" NODETRACE_API constinit const hbk_syslog_map_entry hbk_syslog_map[HBK_SYSLOG_MAP_ROWS] = {
+extern "C" NODETRACE_API constexpr hbk_syslog_map_entry hbk_syslog_map[HBK_SYSLOG_MAP_ROWS] = {
     {0x1A0000, "Platform"},     // start-up, process supervision, node platform services
     {0x1A0001, "Config"},       // configuration database and its transactions
     {0x1A0002, "Alarm"},        // alarm raising, clearing and the active alarm list
@@ -88,6 +88,24 @@ void registerDomain(const char* traceSetName) noexcept {
 constexpr std::size_t kCachedIds = 256;
 std::atomic<std::uint8_t> g_rowOfSet[kCachedIds];
 static_assert(std::atomic<std::uint8_t>::is_always_lock_free);
+
+// Each row's name as a set's descriptor holds it, zero-padded to the 20
+// bytes of a set name: a set whose name is a row's name exactly is checked
+// against its kept row by comparing 20 bytes, without strcasecmp.
+struct PaddedName {
+  char bytes[TRACE_SET_NAME_LENGTH];
+};
+constexpr auto kPaddedRowNames = [] {
+  struct Table {
+    PaddedName rows[HBK_SYSLOG_MAP_ROWS] = {};
+  } table;
+  for (std::size_t row = 0; row < HBK_SYSLOG_MAP_ROWS; ++row) {
+    const char* name = hbk_syslog_map[row].name;
+    for (std::size_t i = 0; name[i] != '\0'; ++i) table.rows[row].bytes[i] = name[i];
+  }
+  return table;
+}();
+static_assert(kPaddedRowNames.rows[29].bytes[9] == 't' && kPaddedRowNames.rows[29].bytes[10] == '\0');
 
 // Row names differ without regard to case (the table's tests check it), so
 // the row whose name equals a set's name is also the first such row, the one
@@ -183,6 +201,25 @@ std::uint32_t featureTagOfSet(std::uint16_t traceSetId, const char* name) noexce
   return hbk_syslog_map[row].tag;
 }
 
+std::uint32_t featureTagOfSet(std::uint16_t traceSetId, const SetName& name) noexcept {
+  if (traceSetId < kCachedIds) {
+    // The usual case: the name, as its descriptor holds it, is its kept
+    // row's name exactly, which 20 bytes compared tell without strcasecmp.
+    // Else (another case of letters, bytes after the name) the rule decides.
+    const unsigned kept = g_rowOfSet[traceSetId].load(std::memory_order_relaxed);
+    if (kept != 0 && std::memcmp(name.text, kPaddedRowNames.rows[kept - 1].bytes, TRACE_SET_NAME_LENGTH) == 0) {
+      return hbk_syslog_map[kept - 1].tag;
+    }
+  }
+  return featureTagOfSet(traceSetId, name.text);
+}
+
+SetName SetName::of(const char* name) noexcept {
+  SetName copy{};
+  if (name != nullptr) std::memcpy(copy.text, name, strnlen(name, TRACE_SET_NAME_LENGTH));
+  return copy;
+}
+
 int cachedFeatureTagRow(std::uint16_t traceSetId) noexcept {
   if (traceSetId >= kCachedIds) return -1;
   return static_cast<int>(g_rowOfSet[traceSetId].load(std::memory_order_relaxed)) - 1;
@@ -215,11 +252,11 @@ int routeEntry(std::uint32_t tag, const char* traceSetName, std::uint32_t traceS
 
 }  // namespace
 
-int forwardEntry(std::uint16_t traceSetId, const char* traceSetName, std::uint32_t traceSetType,
+int forwardEntry(std::uint16_t traceSetId, const SetName& traceSetName, std::uint32_t traceSetType,
                  std::uint32_t severity, const char* fileName, std::int32_t line, std::uint16_t contentsLength,
                  const void* contents, bool contentsAreText) noexcept {
   const std::uint32_t tag = featureTagOfSet(traceSetId, traceSetName);
-  return routeEntry(tag, traceSetName, traceSetType, severity, fileName, line, contentsLength, contents,
+  return routeEntry(tag, traceSetName.text, traceSetType, severity, fileName, line, contentsLength, contents,
                     contentsAreText);
 }
 

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "nodetrace/trace_layout.h"
+
 namespace nt {
 
 // The library's log domain at the platform's configuration service.
@@ -29,6 +31,14 @@ int hbkDomainRegistered() noexcept;
 // Test hook: the process has not registered the domain.
 void forgetHBKDomainRegistration() noexcept;
 
+// A set's name as its descriptor holds it: 20 bytes, zero after the name
+// (set creation pads them so), and a terminator after them.
+struct SetName {
+  char text[TRACE_SET_NAME_LENGTH + 1];
+  // The name's first 20 characters, zero-padded.
+  static SetName of(const char* name) noexcept;
+};
+
 // The feature tag of the trace set traceSetId called name. The row found for
 // a set is kept by id for the rest of the process and checked against name
 // at every use, so a set that now carries another name under that id (a
@@ -36,6 +46,9 @@ void forgetHBKDomainRegistration() noexcept;
 // never kept: it gives 0x1A001F and the "NOT FOUND" diagnostic line every
 // time, as getHBKFeatureTag does. Takes no lock and allocates nothing.
 std::uint32_t featureTagOfSet(std::uint16_t traceSetId, const char* name) noexcept;
+// The same for a name as its descriptor holds it; a name equal to its kept
+// row's name byte for byte is found without strcasecmp.
+std::uint32_t featureTagOfSet(std::uint16_t traceSetId, const SetName& name) noexcept;
 
 // Routes one entry of the trace set traceSetId to the platform log service
 // as updateSyslogPrint does, by the set's name and type, with the set's tag
@@ -44,7 +57,7 @@ std::uint32_t featureTagOfSet(std::uint16_t traceSetId, const char* name) noexce
 // within contentsLength, never past it. The library's writer calls this
 // directly rather than through the exported symbol. errno is the caller's
 // business.
-int forwardEntry(std::uint16_t traceSetId, const char* traceSetName, std::uint32_t traceSetType,
+int forwardEntry(std::uint16_t traceSetId, const SetName& traceSetName, std::uint32_t traceSetType,
                  std::uint32_t severity, const char* fileName, std::int32_t line,
                  std::uint16_t contentsLength, const void* contents, bool contentsAreText) noexcept;
 

@@ -1,25 +1,11 @@
 #include "trace/entry_stamp.h"
 
-#include <arpa/inet.h>
 #include <syslog.h>
 
 #include <cstring>
 #include <ctime>
 
 namespace nt {
-namespace {
-
-TraceTimeStamp timestamp(clockid_t clock) noexcept {
-  timespec now{};
-  clock_gettime(clock, &now);
-  return {htonl(static_cast<std::uint32_t>(now.tv_sec)), htonl(static_cast<std::uint32_t>(now.tv_nsec))};
-}
-
-}  // namespace
-
-TraceTimeStamp monotonicTimestamp() noexcept { return timestamp(CLOCK_MONOTONIC); }
-
-TraceTimeStamp realTimestamp() noexcept { return timestamp(CLOCK_REALTIME); }
 
 void stampFileName(TraceEntryHeader& entry, const char* fileName) noexcept {
   std::memset(entry.fileName, 0, sizeof entry.fileName);

@@ -49,7 +49,6 @@ constexpr std::uint32_t kErrorClass = TRACE_SEVERITY_ERROR_CLASS;
 // Paths are looked at up to this many characters, as if copied into a
 // 4096-byte buffer with its last byte forced to zero.
 constexpr std::size_t kPathLimit = 4095;
-constexpr std::size_t kFormatBufferSize = 128;
 constexpr char kEmptyEntryText[] = "Trying to add empty trace entry";
 
 // The base name of a source path, found in place: the XPG basename ("a/b.c"
@@ -112,6 +111,9 @@ struct Call {
   std::int32_t line;
   std::uint32_t length;
   const void* contents;
+  // The contents are tracePrintf's formatted text: `length` is its length
+  // and the 128 bytes of its buffer are zero past it (formatEntryText).
+  bool formattedText = false;
 };
 
 // What the caller already knows of the set, so that nothing is looked up
@@ -129,17 +131,23 @@ struct RingWrite {
   bool forward;
 };
 
+// The writer's steps below are inlined into the two exported writers, so that
+// an entry passes one stack frame from the exported function to the ring.
+#define NODETRACE_WRITER_STEP [[gnu::always_inline]] inline
+
 // Writes one entry into the ring of a user set (or of the snapshot of
 // "NVJ_System", whose slot is then computed inside the shared mapping from
 // its file offset). The filters have been passed. A slot outside the
 // mapping's entry area or not word-aligned is refused without writing: a
 // damaged descriptor never makes the writer store outside the shared memory
 // or over its header and table.
-RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, const Call& c, const char* fileName,
+NODETRACE_WRITER_STEP RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, const Call& c, const char* fileName,
                       std::size_t fileNameLength, int result) noexcept {
   if (setType != c.type) return {TRACE_RC_TYPE_MISMATCH, c.length, false};
   std::uint32_t length = c.length;
-  if (c.type == TS_STRING) {
+  if (c.formattedText) {
+    length = c.length;
+  } else if (c.type == TS_STRING) {
     length = c.contents == nullptr ? 0u : static_cast<std::uint16_t>(std::strlen(static_cast<const char*>(c.contents)));
   }
 
@@ -169,6 +177,7 @@ RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, const C
                            monotonicTimestamp(),
                            realTimestamp()};
   const bool text = c.type == TS_STRING;
+  const bool formattedText = c.formattedText;
   const auto* contents = static_cast<const std::uint8_t*>(c.contents);
   const bool stored = appendEntry(header(), descriptor, ring, c.traceSetId, fields, Link::kNewest,
                                   [&](std::uint8_t* slotContents) noexcept {
@@ -182,8 +191,14 @@ RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, const C
     // The text, zeros up to the set's maximum, the last byte of the maximum
     // always zero. A trailing line feed is not part of the entry (at the
     // maximum length the forced terminator has already replaced it).
-    copyToSlot(slotContents, contents, length);
-    zeroSlot(slotContents + length, maxLength - length);
+    if (formattedText && maxLength == kEntryTextSize) {
+      // The formatted text's buffer already holds the zeros: one copy of a
+      // known size.
+      copyToSlot(slotContents, contents, kEntryTextSize);
+    } else {
+      copyToSlot(slotContents, contents, length);
+      zeroSlot(slotContents + length, maxLength - length);
+    }
     storeShared(slotContents + maxLength - 1, std::uint8_t{0});
     if (length < maxLength && contents[length - 1] == '\n') {
       storeShared(slotContents + length - 1, std::uint8_t{0});
@@ -196,7 +211,7 @@ RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, const C
 }
 
 // Everything after the filters, with the base name found.
-int writeEntry(const Call& c, const Checked& checked, const char* fileName, std::size_t fileNameLength) noexcept {
+NODETRACE_WRITER_STEP int writeEntry(const Call& c, const Checked& checked, const char* fileName, std::size_t fileNameLength) noexcept {
   int result = 0;
   TraceSetStruct* descriptor = checked.descriptor;
   const bool errorClass = (c.severity & kErrorClass) != 0;
@@ -214,7 +229,9 @@ int writeEntry(const Call& c, const Checked& checked, const char* fileName, std:
   // The set's type is read once: the ring write checks it and the
   // forwarding below uses it.
   const std::uint32_t setType = loadShared(&descriptor->type);
-  std::uint32_t length = c.length;
+  // An entry that skips the ring is forwarded with the length its caller
+  // gave: none for tracePrintf's text.
+  std::uint32_t length = c.formattedText ? 0 : c.length;
   if (!errorClass && c.traceSetId != SYSTEM_TRACE_SET_ID) {
     const RingWrite written = writeToRing(descriptor, setType, c, fileName, fileNameLength, result);
     if (!written.forward) return written.result;
@@ -224,9 +241,9 @@ int writeEntry(const Call& c, const Checked& checked, const char* fileName, std:
 
   // The set's name is copied out of the shared descriptor with its
   // terminator, so a damaged name cannot lead the lookup past it.
-  char name[TRACE_SET_NAME_LENGTH + 1];
-  std::memcpy(name, descriptor->name, TRACE_SET_NAME_LENGTH);
-  name[TRACE_SET_NAME_LENGTH] = '\0';
+  SetName name;
+  std::memcpy(name.text, descriptor->name, TRACE_SET_NAME_LENGTH);
+  name.text[TRACE_SET_NAME_LENGTH] = '\0';
   // Routed by the set's type. Contents the caller offered as bytes (an
   // error-class dump into a text set, which skips the type check) have no
   // terminator to stop at: they are printed within their length.
@@ -249,7 +266,7 @@ int writeEntry(const Call& c, const Checked& checked, const char* fileName, std:
 
 // The writer after the enable flag: the filters (unless the caller applied
 // them), then the base name, then the entry.
-int addEntry(const Call& c, Checked checked) noexcept {
+NODETRACE_WRITER_STEP int addEntry(const Call& c, Checked checked) noexcept {
   if (!checked.lookedUp && (c.severity & kErrorClass) == 0) {
     if (!validTraceSetId(c.traceSetId)) return TRACE_RC_UNKNOWN_SET;
     checked.descriptor = descriptorOf(c.traceSetId);
@@ -346,15 +363,19 @@ namespace {
       if (checked.descriptor != nullptr && !passesFilters(severity, category, checked.descriptor)) return 0;
     }
   }
-  char text[kFormatBufferSize];
-  text[0] = '\0';
+  EntryTextBuffer text;
+  std::size_t length = 0;
   if (format != nullptr) {  // a null format gives an empty entry
     // "%m" in the format prints the caller's errno, not one left behind by
     // the start-up above.
     errno = callerErrno;
-    formatText(text, sizeof text, format, args);
+    length = formatEntryText(text, format, args);
+  } else {
+    text.text[0] = '\0';
   }
-  return addEntry({traceSetId, TS_STRING, severity, category, file, line, 0, text}, checked);
+  return addEntry({traceSetId, TS_STRING, severity, category, file, line, static_cast<std::uint32_t>(length),
+                   text.text, format != nullptr},
+                  checked);
 }
 
 }  // namespace

@@ -29,6 +29,7 @@
 
 #include "trace/printf_format.h"
 
+#include <bit>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -68,9 +69,11 @@ struct Output {
   char* dst;
   std::size_t room;
   // Bytes of dst that may be written past the text as scratch space (only
-  // in the stack buffer, whose bytes past the text are never copied out).
+  // in buffers whose bytes past the text are never used as they stand).
   std::size_t scratch = 0;
   std::size_t length = 0;
+  // A %c of 0 put a zero byte inside the text.
+  bool zeroByte = false;
 
   void put(char c) noexcept {
     if (length < room) dst[length] = c;
@@ -95,6 +98,39 @@ constexpr auto kLiteralEnds = [] {
   table.ends[0] = true;
   return table;
 }();
+
+// Literal text and %s strings are copied a machine word at a time where the
+// output has scratch space: a word is loaded, stored whole, and the first
+// byte that ends the piece (a zero, or a '%' in a format) is found in it
+// with the usual carry trick, which is exact for the lowest such byte.
+// A word is loaded only when it lies inside one 4096-byte block of memory,
+// so it never reaches into a page the string does not touch; its bytes past
+// the string's end are looked at but never used.
+using Word = std::conditional_t<sizeof(void*) == 8, std::uint64_t, std::uint32_t>;
+constexpr bool kWordCopies = std::endian::native == std::endian::little;
+constexpr Word kOnes = ~Word{0} / 0xFF;
+constexpr Word kHighBits = kOnes * 0x80;
+constexpr Word kPercents = kOnes * static_cast<unsigned char>('%');
+constexpr std::uintptr_t kSafeBlock = 4096;
+
+bool wordReadable(const char* p) noexcept {
+  return (reinterpret_cast<std::uintptr_t>(p) & (kSafeBlock - 1)) <= kSafeBlock - sizeof(Word);
+}
+
+// The load may cover bytes past the end of the string's object, which the
+// address and thread sanitizers would report although they are never used.
+__attribute__((no_sanitize_address, no_sanitize_thread)) Word loadWord(const char* p) noexcept {
+  Word word;
+  std::memcpy(&word, p, sizeof word);
+  return word;
+}
+
+// The bytes of word that are zero, as their high bits; exact up to and
+// including the lowest one.
+constexpr Word zeroBytes(Word word) noexcept { return (word - kOnes) & ~word & kHighBits; }
+
+// The index of the lowest byte flagged in a non-zero mask of high bits.
+unsigned firstFlagged(Word flags) noexcept { return static_cast<unsigned>(std::countr_zero(flags)) / 8; }
 
 constexpr char kLowerDigits[] = "0123456789abcdef";
 constexpr char kUpperDigits[] = "0123456789ABCDEF";
@@ -240,8 +276,25 @@ bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
     {
       char* const dst = out.dst;
       const std::size_t room = out.room;
+      const std::size_t scratch = out.scratch;
       std::size_t length = out.length;
-      while (!kLiteralEnds.ends[static_cast<unsigned char>(c = *p)]) {
+      for (;;) {
+        if (kWordCopies && length + sizeof(Word) <= scratch && wordReadable(p)) {
+          const Word word = loadWord(p);
+          const Word ends = zeroBytes(word) | zeroBytes(word ^ kPercents);
+          std::memcpy(dst + length, &word, sizeof word);
+          if (ends == 0) {
+            p += sizeof(Word);
+            length += sizeof(Word);
+            continue;
+          }
+          const unsigned n = firstFlagged(ends);
+          p += n;
+          length += n;
+          c = *p;
+          break;
+        }
+        if (kLiteralEnds.ends[static_cast<unsigned char>(c = *p)]) break;
         if (length < room) dst[length] = c;
         ++length;
         ++p;
@@ -264,8 +317,23 @@ bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
       if (text == nullptr) text = "(null)";
       char* const dst = out.dst;
       const std::size_t room = out.room;
+      const std::size_t scratch = out.scratch;
       std::size_t length = out.length;
-      // Copied while it fits, only measured after that.
+      // A word at a time while the scratch space lasts, then copied byte by
+      // byte while it fits, only measured after that.
+      while (kWordCopies && length + sizeof(Word) <= scratch && wordReadable(text)) {
+        const Word word = loadWord(text);
+        const Word ends = zeroBytes(word);
+        std::memcpy(dst + length, &word, sizeof word);
+        if (ends != 0) {
+          const unsigned n = firstFlagged(ends);
+          text += n;
+          length += n;
+          break;
+        }
+        text += sizeof(Word);
+        length += sizeof(Word);
+      }
       while ((c = *text) != '\0') {
         if (length >= room) {
           length += std::strlen(text);
@@ -431,6 +499,7 @@ bool formatAll(Output& out, const char* format, va_list* ap) noexcept {
       case 'c': {
         if (conv.length != Length::kInt) return false;  // %lc
         const char character = static_cast<char>(static_cast<unsigned char>(va_arg(*ap, int)));
+        if (character == '\0') out.zeroByte = true;
         putText(out, conv, &character, 1);
         break;
       }
@@ -491,6 +560,38 @@ int formatText(char* dst, std::size_t size, const char* format, va_list args) no
   }
   if (!done) return std::vsnprintf(dst, size, format, args);
   return static_cast<int>(length);
+}
+
+std::size_t formatEntryText(EntryTextBuffer& buffer, const char* format, va_list args) noexcept {
+  static_assert(kEntryTextScratch >= kBlock && kEntryTextScratch >= sizeof(Word));
+  // Zeroed whole first (a few fixed-size stores); the pass then writes the
+  // text, and its scratch writes reach at most kBlock bytes past the start
+  // of the piece being written, so past the end of the text only the
+  // kBlock bytes that follow it need clearing again.
+  std::memset(buffer.text, 0, sizeof buffer.text);
+  Output out{buffer.text, kEntryTextSize - 1, sizeof buffer.text};
+  va_list ap;
+  va_copy(ap, args);
+  const bool done = formatAll(out, format, &ap);
+  va_end(ap);
+  std::size_t length;
+  if (done && !out.zeroByte) {
+    length = out.length < out.room ? out.length : out.room;
+    std::memset(buffer.text + length, 0, kBlock);
+    return length;
+  }
+  // A format for vsnprintf, or a text with a zero byte inside: the text
+  // ends at its first zero byte, and everything after it is cleared.
+  if (!done) {
+    // Cleared again first: the pass's partial text must not show through
+    // where vsnprintf fails without writing a terminator.
+    std::memset(buffer.text, 0, kEntryTextSize);
+    std::vsnprintf(buffer.text, kEntryTextSize, format, args);
+  }
+  buffer.text[kEntryTextSize - 1] = '\0';
+  length = std::strlen(buffer.text);
+  std::memset(buffer.text + length, 0, sizeof buffer.text - length);
+  return length;
 }
 
 }  // namespace nt

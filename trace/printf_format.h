@@ -24,4 +24,20 @@ namespace nt {
 __attribute__((format(printf, 3, 0))) int formatText(char* dst, std::size_t size, const char* format,
                                                      va_list args) noexcept;
 
+// The text of one entry: at most 127 characters and their terminator, and
+// room past them that formatEntryText uses as scratch space.
+inline constexpr std::size_t kEntryTextSize = 128;
+inline constexpr std::size_t kEntryTextScratch = 16;
+struct EntryTextBuffer {
+  char text[kEntryTextSize + kEntryTextScratch];
+};
+
+// Formats into buffer.text the text that vsnprintf(buffer.text, 128, format,
+// args) gives, and returns its length up to its first zero byte (what
+// strlen would give). Every byte of the first 128 past that length is zero,
+// so the whole 128 bytes can be stored as they are; the scratch bytes after
+// them are left unspecified. format must not be null.
+__attribute__((format(printf, 2, 0))) std::size_t formatEntryText(EntryTextBuffer& buffer, const char* format,
+                                                                  va_list args) noexcept;
+
 }  // namespace nt

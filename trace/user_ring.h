@@ -157,8 +157,10 @@ inline Claim claimSlot(TraceSetStruct* descriptor, const Ring& ring) noexcept {
 // Appends one entry to the ring of a user set. storeContents(contents)
 // stores the contents at the slot's byte 80 and returns the contentsLength
 // to record. Returns false, with nothing changed, when the slot is refused.
+// Inlined into each writer: the writer's stores and the ring's share one
+// stack frame.
 template <typename StoreContents>
-inline bool appendEntry(TraceMemoryHeader* h, TraceSetStruct* descriptor, const Ring& ring,
+[[gnu::always_inline]] inline bool appendEntry(TraceMemoryHeader* h, TraceSetStruct* descriptor, const Ring& ring,
                         std::uint16_t traceSetId, const EntryFields& fields, Link link,
                         StoreContents&& storeContents) noexcept {
   const bool local = link == Link::kNewest;
