@@ -31,39 +31,49 @@ else()
   message(FATAL_ERROR "NODETRACE_IPC_SUFFIX may hold letters, digits, '_', '.' and '-' only")
 endif()
 # The demo removes and names the IPC objects of its build's node.
-set(NODETRACE_EFFECTIVE_IPC_SUFFIX "${nodetrace_ipc_suffix}" PARENT_SCOPE)
+set(NODETRACE_EFFECTIVE_IPC_SUFFIX "${nodetrace_ipc_suffix}")
 
-# The sources of libnodetrace, compiled once. The shared library ships them;
-# the tests link the same objects statically, which gives them the internal
-# hooks (name relocation, fault injection) that the shared library hides.
-add_library(nodetrace_objects OBJECT
-  clearing.cpp
-  creation.cpp
-  dump_before_reset.cpp
-  dump_file.cpp
-  dump_format.cpp
-  entry_format.cpp
-  entry_reader.cpp
-  entry_search.cpp
-  entry_stamp.cpp
-  entry_writer.cpp
-  error_trace.cpp
-  journal_capture.cpp
-  lock_holder.cpp
-  masks.cpp
-  memory_layout.cpp
-  printf_format.cpp
-  node_names.cpp
-  registry.cpp
-  remote_entries.cpp
-  reports.cpp
-  sram_ring.cpp
-  syscalls.cpp
-  test_points.cpp
-  thread_ids.cpp
-  trace_control.cpp
-  trace_lock.cpp
-  trace_system.cpp)
+# The sources of libnodetrace: this list is the only one. The shipped library
+# compiles them once (nodetrace_objects); the test suite compiles the same
+# list a second time with its test points (tests/CMakeLists.txt). The folders
+# follow the subsystems (docs/layout.md); common/ is what they all use.
+set(NODETRACE_LIBRARY_SOURCES
+  common/node_names.cpp
+  common/syscalls.cpp
+  common/test_points.cpp
+  common/thread_ids.cpp
+  trace/store/creation.cpp
+  trace/store/entry_writer.cpp
+  trace/store/header_stamps.cpp
+  trace/store/layout_helpers.cpp
+  trace/store/lock_holder.cpp
+  trace/store/printf_format.cpp
+  trace/store/registry.cpp
+  trace/store/startup.cpp
+  trace/store/trace_lock.cpp
+  trace/control/enabling.cpp
+  trace/control/masks.cpp
+  trace/persistent/error_trace.cpp
+  trace/persistent/remote_entries.cpp
+  trace/persistent/sram_ring.cpp
+  trace/reading/entry_format.cpp
+  trace/reading/entry_reader.cpp
+  trace/reading/entry_search.cpp
+  trace/reading/reports.cpp
+  trace/dumps/clearing.cpp
+  trace/dumps/dump_before_reset.cpp
+  trace/dumps/dump_file.cpp
+  trace/dumps/dump_records.cpp
+  trace/dumps/journal_capture.cpp
+  logbridge/feature_tags.cpp
+  logbridge/log_file.cpp
+  logbridge/log_printf.cpp
+  diag/backtrace.cpp)
+list(TRANSFORM NODETRACE_LIBRARY_SOURCES PREPEND ${PROJECT_SOURCE_DIR}/)
+
+# Compiled once. The shared library ships them; the benchmarks and fuzz
+# replays link the same objects statically (nodetrace_testable).
+add_library(nodetrace_objects OBJECT ${NODETRACE_LIBRARY_SOURCES})
 target_include_directories(nodetrace_objects PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)

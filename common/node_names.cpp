@@ -1,8 +1,6 @@
-#include "trace/node_names.h"
+#include "common/node_names.h"
 
 #include <cstdio>
-
-#include "nodetrace/logbridge.h"
 
 // Each node name once; the compiled-in table and the relocation derive from
 // these.
@@ -29,7 +27,13 @@ constexpr NodeNames kCompiledNames = {
     NT_P NT_OLD_TRACE,  NT_P NT_HBK_LOG,            NT_P NT_HBK_LOG_TMP};
 #undef NT_P
 
+}  // namespace
+
+// Outside the anonymous namespace: the log bridge points its exported log
+// file names at two of its buffers (logbridge/log_file.cpp).
 constinit NodeNames g_names = kCompiledNames;
+
+namespace {
 
 bool compose(char (&out)[kMaxNodeName], const char* first, const char* second) noexcept {
   const int n = std::snprintf(out, sizeof out, "%s%s", first, second);
@@ -61,13 +65,3 @@ bool relocateNodeNames(const char* root, const char* ipcSuffix) noexcept {
 void restoreNodeNames() noexcept { g_names = kCompiledNames; }
 
 }  // namespace nt
-
-// The paths of the local log file and of its saved tail start as the two
-// node names. Pointing at the table's own buffers (constant-initialised, so
-// no order of static initialisation matters) makes the build's path prefix
-// and the relocation of the tests apply to them; a process may still point
-// them anywhere else.
-extern "C" {
-NODETRACE_API constinit const char* TMGR_HBK_LOG_FILE_NAME = nt::g_names.hbkLog;
-NODETRACE_API constinit const char* TMGR_HBK_LOG_FILE_NAME_TMP = nt::g_names.hbkLogTmp;
-}

@@ -52,6 +52,11 @@ struct NodeNames {
 // The names in force. Resolved at compile time; no work at run time.
 const NodeNames& nodeNames() noexcept;
 
+// The table itself, for the constant initialisation of the log bridge's
+// exported log file names (logbridge/log_file.cpp); all others read it
+// through nodeNames().
+extern NodeNames g_names;
+
 // Test hook: file paths under root (which must exist), IPC names followed by
 // ipcSuffix. Call before the process's first trace call, or after
 // resetProcessStateForTests(). Names too long for the buffers are refused

@@ -1,4 +1,4 @@
-#include "trace/syscalls.h"
+#include "common/syscalls.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

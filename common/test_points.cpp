@@ -1,7 +1,7 @@
 // The hook behind the test points and the shortened lock deadline; see
-// trace/test_points.h. Empty in the shipped library.
+// common/test_points.h. Empty in the shipped library.
 
-#include "trace/test_points.h"
+#include "common/test_points.h"
 
 #include <atomic>
 

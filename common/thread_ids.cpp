@@ -1,4 +1,4 @@
-#include "trace/thread_ids.h"
+#include "common/thread_ids.h"
 
 #include <pthread.h>
 #include <sys/syscall.h>

@@ -14,8 +14,8 @@
 
 #include "tests/support/node_test.h"
 #include "tests/trace/assert_disabled.h"
-#include "trace/error_trace.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {
@@ -272,15 +272,15 @@ TEST_F(TraceControlTest, FailingTraceAssertRecordsItsPlace) {
     return 0;
   });
   const std::string line = std::to_string(kAssertLine);
-  EXPECT_EQ(capture.take(), "In trace_control_test.cpp (requirePositive," + line +
+  EXPECT_EQ(capture.take(), "In enabling_test.cpp (requirePositive," + line +
                                 "): Assertion counted(value > 0) failed; value -3!" + kDisablingNotice);
   EXPECT_EQ(status, 1);
   EXPECT_EQ(readFileText(g_markerPath), "evaluations 2");  // once per assertion
   ASSERT_EQ(recordCount(), 3u);
-  expectRecord(0, {"(requirePositive): Assertion counted(value > 0) failed", "trace_control_test.cpp",
+  expectRecord(0, {"(requirePositive): Assertion counted(value > 0) failed", "enabling_test.cpp",
                    kAssertLine, 0x80, kAssertion});
-  expectRecord(1, {"value -3", "trace_control_test.cpp", kAssertLine, 0x80, kAssertion});
-  expectRecord(2, {"Trace system disabled: Assertion failed", "trace_control_test.cpp", kAssertLine, 0x08,
+  expectRecord(1, {"value -3", "enabling_test.cpp", kAssertLine, 0x80, kAssertion});
+  expectRecord(2, {"Trace system disabled: Assertion failed", "enabling_test.cpp", kAssertLine, 0x08,
                    kLibrary});
 }
 

@@ -13,13 +13,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/errno_guard.h"
+#include "common/message_source.h"
+#include "common/shared_fields.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/errno_guard.h"
-#include "trace/error_trace.h"
-#include "trace/printf_format.h"
-#include "trace/shared_access.h"
-#include "trace/source_file.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/store/printf_format.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 namespace {

@@ -4,18 +4,18 @@
 // read, changed and persisted. Neither mask change takes the trace lock: each
 // is a single byte or aligned 32-bit store that every process sees at once.
 
-#include "trace/masks.h"
+#include "trace/control/masks.h"
 
 #include <cctype>
 #include <cstring>
 
+#include "common/node_names.h"
+#include "common/scoped_handles.h"
+#include "common/shared_fields.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/node_names.h"
-#include "trace/registry.h"
-#include "trace/scoped_handles.h"
-#include "trace/shared_access.h"
-#include "trace/trace_lock.h"
-#include "trace/trace_system.h"
+#include "trace/store/registry.h"
+#include "trace/store/startup.h"
+#include "trace/store/trace_lock.h"
 
 namespace nt {
 namespace {

@@ -7,11 +7,11 @@
 
 #include <cstddef>
 
+#include "common/shared_fields.h"
+#include "common/test_points.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/shared_access.h"
-#include "trace/test_points.h"
-#include "trace/trace_lock.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
+#include "trace/store/trace_lock.h"
 
 extern "C" NODETRACE_API int32_t clearTraceSet(int32_t traceSetId) {
   nt::initTraceSystem();

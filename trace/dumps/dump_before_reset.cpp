@@ -1,6 +1,6 @@
 // The dump before reset: the newest entries of the user trace sets, chosen
 // by severity within 972800 bytes, written in the dump file layout
-// (dump_format.h) just before the node restarts.
+// (dump_records.h) just before the node restarts.
 //
 // Selection, per user set, in four severity streams, most important first:
 //
@@ -30,16 +30,16 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/message_source.h"
+#include "common/node_names.h"
+#include "common/scoped_handles.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "nodeplatform/nodeplatform.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/dump_format.h"
-#include "trace/node_names.h"
-#include "trace/scoped_handles.h"
-#include "trace/shared_access.h"
-#include "trace/slot_access.h"
-#include "trace/source_file.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/dumps/dump_records.h"
+#include "trace/store/ring_slots.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 namespace {

@@ -1,5 +1,5 @@
 // The trace dump file: the whole trace store, optionally with the two sets
-// of the SRAM file, written into one binary file (layout in dump_format.h).
+// of the SRAM file, written into one binary file (layout in dump_records.h).
 //
 // File positions: user set i keeps position i. With the SRAM sets, the
 // remote unit's set "NVJ_System" (254) takes position n and the error trace
@@ -30,16 +30,16 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/message_source.h"
+#include "common/node_names.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "nodeplatform/nodeplatform.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/dump_format.h"
-#include "trace/node_names.h"
-#include "trace/registry.h"
-#include "trace/shared_access.h"
-#include "trace/slot_access.h"
-#include "trace/source_file.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/dumps/dump_records.h"
+#include "trace/store/registry.h"
+#include "trace/store/ring_slots.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 namespace {

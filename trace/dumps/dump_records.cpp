@@ -1,6 +1,6 @@
 // Images of the records of a dump file, in network byte order.
 
-#include "trace/dump_format.h"
+#include "trace/dumps/dump_records.h"
 
 #include <arpa/inet.h>
 #include <endian.h>
@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "trace/syscalls.h"
+#include "common/syscalls.h"
 
 namespace nt::dump {
 

@@ -8,12 +8,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/message_source.h"
+#include "common/node_names.h"
+#include "common/syscalls.h"
 #include "nodeplatform/nodeplatform.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/node_names.h"
-#include "trace/source_file.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace {
 

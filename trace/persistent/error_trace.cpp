@@ -11,13 +11,13 @@
 //   52 + 737*208  slot 737, then the ring wraps to slot 0
 //
 // The slot is written before the descriptor that counts it
-// (trace/sram_ring.h): the descriptor write is the commit point, so a kill
+// (trace/persistent/sram_ring.h): the descriptor write is the commit point, so a kill
 // or a failed write at any instant loses only the entry in flight, and a
 // failed slot write leaves the ring unadvanced. Each write keeps its own
 // message and line (872 slot header, 885 contents, 861 descriptor), and the
 // bytes written are the same as when the descriptor went first.
 
-#include "trace/error_trace.h"
+#include "trace/persistent/error_trace.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -28,19 +28,19 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/message_source.h"
+#include "common/node_names.h"
+#include "common/scoped_handles.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
+#include "common/test_points.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/damage_policy.h"
-#include "trace/entry_stamp.h"
-#include "trace/node_names.h"
-#include "trace/node_sequence.h"
-#include "trace/scoped_handles.h"
-#include "trace/shared_access.h"
-#include "trace/source_file.h"
-#include "trace/sram_ring.h"
-#include "trace/syscalls.h"
-#include "trace/test_points.h"
-#include "trace/trace_lock.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/sram_ring.h"
+#include "trace/store/damage_policy.h"
+#include "trace/store/header_stamps.h"
+#include "trace/store/node_sequence.h"
+#include "trace/store/startup.h"
+#include "trace/store/trace_lock.h"
 
 namespace nt {
 namespace {

@@ -18,7 +18,7 @@
 //     ...            slot writeIndex           <- header, then contents
 //
 //   The slot is written before the descriptor that counts it
-//   (trace/sram_ring.h): a kill or a failed write at any instant loses only
+//   (trace/persistent/sram_ring.h): a kill or a failed write at any instant loses only
 //   the record in flight, and a failed slot write leaves the ring
 //   unadvanced. Each write keeps its own message and line (3996 slot
 //   header, 4008 contents, 3985 descriptor); the bytes are unchanged.
@@ -29,7 +29,7 @@
 // Every stored record is also sent to syslog as "[PID:<pid>][TID:<tid>] <text>"
 // with the remote ids and the caller's text.
 
-#include "trace/remote_entries.h"
+#include "trace/persistent/remote_entries.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -42,24 +42,24 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/errno_guard.h"
+#include "common/message_source.h"
+#include "common/node_names.h"
+#include "common/scoped_handles.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
+#include "common/test_points.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/entry_stamp.h"
-#include "trace/errno_guard.h"
-#include "trace/error_trace.h"
-#include "trace/node_names.h"
-#include "trace/node_sequence.h"
-#include "trace/registry.h"
-#include "trace/scoped_handles.h"
-#include "trace/shared_access.h"
-#include "trace/slot_access.h"
-#include "trace/slot_store.h"
-#include "trace/source_file.h"
-#include "trace/sram_ring.h"
-#include "trace/syscalls.h"
-#include "trace/test_points.h"
-#include "trace/trace_lock.h"
-#include "trace/trace_system.h"
-#include "trace/user_ring.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/persistent/sram_ring.h"
+#include "trace/store/header_stamps.h"
+#include "trace/store/node_sequence.h"
+#include "trace/store/registry.h"
+#include "trace/store/ring_slots.h"
+#include "trace/store/slot_writes.h"
+#include "trace/store/startup.h"
+#include "trace/store/trace_lock.h"
+#include "trace/store/user_ring.h"
 
 namespace nt {
 namespace {

@@ -1,16 +1,16 @@
-// The append to a ring of the SRAM file; see trace/sram_ring.h.
+// The append to a ring of the SRAM file; see trace/persistent/sram_ring.h.
 
-#include "trace/sram_ring.h"
+#include "trace/persistent/sram_ring.h"
 
 #include <unistd.h>
 
 #include <cstring>
 
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
+#include "common/test_points.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/damage_policy.h"
-#include "trace/shared_access.h"
-#include "trace/syscalls.h"
-#include "trace/test_points.h"
+#include "trace/store/damage_policy.h"
 
 namespace nt {
 namespace {

@@ -22,13 +22,13 @@
 #include <cstring>
 #include <ctime>
 
+#include "common/errno_guard.h"
+#include "common/message_source.h"
+#include "common/shared_fields.h"
 #include "nodeplatform/nodeplatform.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/errno_guard.h"
-#include "trace/error_trace.h"
-#include "trace/shared_access.h"
-#include "trace/source_file.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 namespace {

@@ -16,13 +16,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/node_names.h"
+#include "common/scoped_handles.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/node_names.h"
-#include "trace/scoped_handles.h"
-#include "trace/shared_access.h"
-#include "trace/slot_access.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/store/ring_slots.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 namespace {

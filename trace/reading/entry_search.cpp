@@ -18,7 +18,7 @@
 // from the shared memory for user sets and from the SRAM file for the sets
 // 255 and 254.
 
-#include "trace/entry_search.h"
+#include "trace/reading/entry_search.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -26,15 +26,15 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/message_source.h"
+#include "common/node_names.h"
+#include "common/scoped_handles.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/node_names.h"
-#include "trace/registry.h"
-#include "trace/scoped_handles.h"
-#include "trace/shared_access.h"
-#include "trace/slot_access.h"
-#include "trace/source_file.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/store/registry.h"
+#include "trace/store/ring_slots.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 namespace {

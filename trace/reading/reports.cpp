@@ -12,14 +12,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/message_source.h"
+#include "common/node_names.h"
+#include "common/scoped_handles.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/error_trace.h"
-#include "trace/node_names.h"
-#include "trace/scoped_handles.h"
-#include "trace/shared_access.h"
-#include "trace/source_file.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 namespace {

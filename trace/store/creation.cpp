@@ -13,14 +13,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/message_source.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/error_trace.h"
-#include "trace/masks.h"
-#include "trace/registry.h"
-#include "trace/shared_access.h"
-#include "trace/source_file.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/control/masks.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/store/registry.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 namespace {

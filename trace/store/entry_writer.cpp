@@ -27,20 +27,20 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/errno_guard.h"
+#include "common/shared_fields.h"
+#include "common/test_points.h"
+#include "common/thread_ids.h"
 #include "logbridge/feature_tags.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/entry_stamp.h"
-#include "trace/errno_guard.h"
-#include "trace/error_trace.h"
-#include "trace/printf_format.h"
-#include "trace/registry.h"
-#include "trace/shared_access.h"
-#include "trace/slot_access.h"
-#include "trace/slot_store.h"
-#include "trace/test_points.h"
-#include "trace/thread_ids.h"
-#include "trace/trace_system.h"
-#include "trace/user_ring.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/store/header_stamps.h"
+#include "trace/store/printf_format.h"
+#include "trace/store/registry.h"
+#include "trace/store/ring_slots.h"
+#include "trace/store/slot_writes.h"
+#include "trace/store/startup.h"
+#include "trace/store/user_ring.h"
 
 namespace nt {
 namespace {

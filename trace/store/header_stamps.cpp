@@ -1,4 +1,4 @@
-#include "trace/entry_stamp.h"
+#include "trace/store/header_stamps.h"
 
 #include <arpa/inet.h>
 #include <syslog.h>

@@ -1,7 +1,7 @@
 // The identity of the holder of "traceMutex", the test whether it still
 // lives, and the release of the semaphore on behalf of a dead holder.
 
-#include "trace/lock_holder.h"
+#include "trace/store/lock_holder.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -15,10 +15,10 @@
 #include <cstddef>
 #include <cstring>
 
+#include "common/node_names.h"
+#include "common/shared_fields.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/node_names.h"
-#include "trace/shared_access.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 namespace {

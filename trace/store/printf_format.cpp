@@ -27,7 +27,7 @@
 //   - a * width below 0 means - and its absolute value, a * precision
 //     below 0 means no precision.
 
-#include "trace/printf_format.h"
+#include "trace/store/printf_format.h"
 
 #include <climits>
 #include <cstdint>

@@ -4,7 +4,7 @@
 // two persistent sets, 255 "System" and 254 "NVJ_System", are read from the
 // SRAM file into a per-process snapshot on every request.
 
-#include "trace/registry.h"
+#include "trace/store/registry.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,13 +13,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/message_source.h"
+#include "common/node_names.h"
+#include "common/scoped_handles.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/node_names.h"
-#include "trace/scoped_handles.h"
-#include "trace/shared_access.h"
-#include "trace/source_file.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 namespace {

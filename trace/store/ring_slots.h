@@ -12,10 +12,10 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/shared_fields.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/damage_policy.h"
-#include "trace/shared_access.h"
-#include "trace/trace_system.h"
+#include "trace/store/damage_policy.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 

@@ -12,8 +12,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/shared_fields.h"
 #include "nodetrace/trace_layout.h"
-#include "trace/shared_access.h"
 
 namespace nt {
 

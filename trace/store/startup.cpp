@@ -1,7 +1,7 @@
 // Start-up of the trace system, the creation of the shared-memory object and
 // the (re)writing of the SRAM file's descriptors.
 
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -15,15 +15,15 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/message_source.h"
+#include "common/node_names.h"
+#include "common/scoped_handles.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
+#include "common/test_points.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/lock_holder.h"
-#include "trace/node_names.h"
-#include "trace/scoped_handles.h"
-#include "trace/shared_access.h"
-#include "trace/source_file.h"
-#include "trace/syscalls.h"
-#include "trace/test_points.h"
-#include "trace/trace_lock.h"
+#include "trace/store/lock_holder.h"
+#include "trace/store/trace_lock.h"
 
 namespace nt {
 

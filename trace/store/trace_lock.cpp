@@ -1,6 +1,6 @@
 // The node-wide lock "traceMutex" and the emergency exit of its holder.
 
-#include "trace/trace_lock.h"
+#include "trace/store/trace_lock.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -11,10 +11,10 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "common/node_names.h"
+#include "common/test_points.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/node_names.h"
-#include "trace/test_points.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt {
 namespace {

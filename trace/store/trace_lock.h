@@ -5,7 +5,7 @@
 //
 // Waits are cut into short slices; between two slices the waiter looks at
 // the recorded holder, and if that thread no longer exists it releases the
-// semaphore on its behalf (trace/lock_holder.h). A dead holder therefore
+// semaphore on its behalf (trace/store/lock_holder.h). A dead holder therefore
 // delays the waiters of that moment by one slice, and nobody after them.
 // A holder that died before it recorded itself (or after it cleared its
 // record on release) leaves the semaphore taken with nobody recorded; the
@@ -17,12 +17,12 @@
 #include <semaphore.h>
 #include <signal.h>
 
-#include "trace/lock_holder.h"
-#include "trace/test_points.h"
+#include "common/test_points.h"
+#include "trace/store/lock_holder.h"
 
 namespace nt {
 
-// The real deadline; test builds can shorten it (trace/test_points.h).
+// The real deadline; test builds can shorten it (common/test_points.h).
 inline constexpr int kLockDeadlineSeconds = 5;
 // How often a waiter looks at the holder.
 inline constexpr long kHolderCheckMilliseconds = 100;

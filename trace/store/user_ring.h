@@ -31,12 +31,12 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/shared_fields.h"
+#include "common/test_points.h"
 #include "nodetrace/trace_layout.h"
-#include "trace/node_sequence.h"
-#include "trace/shared_access.h"
-#include "trace/slot_access.h"
-#include "trace/slot_store.h"
-#include "trace/test_points.h"
+#include "trace/store/node_sequence.h"
+#include "trace/store/ring_slots.h"
+#include "trace/store/slot_writes.h"
 
 namespace nt {
 
