@@ -23,10 +23,10 @@
 #include <vector>
 
 #include "bench/bench_node.h"
+#include "common/node_names.h"
+#include "common/shared_fields.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/node_names.h"
-#include "trace/shared_access.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <string>
 
-#include "trace/node_names.h"
-#include "trace/trace_system.h"
+#include "common/node_names.h"
+#include "trace/store/startup.h"
 
 namespace nt::bench {
 namespace {

@@ -4,9 +4,9 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/bench_node.h"
+#include "common/shared_fields.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/shared_access.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace {
 

@@ -18,10 +18,10 @@
 #include <vector>
 
 #include "bench/bench_node.h"
+#include "common/shared_fields.h"
 #include "nodetrace/logbridge.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/shared_access.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "bench/bench_node.h"
 #include "nodetrace/logbridge.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/printf_format.h"
+#include "trace/store/printf_format.h"
 
 extern "C" {
 void measure_vsnprintf(int calls);

@@ -12,9 +12,9 @@
 #include <string>
 
 #include "bench/bench_node.h"
+#include "common/node_names.h"
 #include "nodetrace/logbridge.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/node_names.h"
 
 namespace nt::bench {
 namespace {

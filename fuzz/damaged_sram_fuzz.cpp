@@ -25,13 +25,13 @@
 #include <cstring>
 #include <string>
 
+#include "common/node_names.h"
 #include "fuzz/fuzz_target.h"
 #include "fuzz/temporary_node.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/entry_search.h"
-#include "trace/error_trace.h"
-#include "trace/node_names.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/reading/entry_search.h"
+#include "trace/store/startup.h"
 
 namespace {
 

@@ -28,12 +28,12 @@
 #include <cstring>
 #include <string>
 
+#include "common/node_names.h"
 #include "fuzz/fuzz_target.h"
 #include "fuzz/temporary_node.h"
 #include "nodetrace/nodetrace.h"
-#include "trace/entry_search.h"
-#include "trace/node_names.h"
-#include "trace/trace_system.h"
+#include "trace/reading/entry_search.h"
+#include "trace/store/startup.h"
 
 namespace {
 

@@ -34,11 +34,11 @@
 #include <string>
 #include <vector>
 
+#include "common/node_names.h"
 #include "fuzz/fuzz_target.h"
 #include "nodetrace/nodetrace.h"
 #include "tests/support/recording_platform.h"
-#include "trace/node_names.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace {
 

@@ -32,7 +32,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_target.h"
-#include "trace/printf_format.h"
+#include "trace/store/printf_format.h"
 
 // The formats are built at run time, which is the point.
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"

@@ -15,11 +15,11 @@
 #include <filesystem>
 #include <string>
 
+#include "common/node_names.h"
+#include "common/syscalls.h"
 #include "nodetrace/nodetrace.h"
 #include "tests/support/recording_platform.h"
-#include "trace/node_names.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt::fuzz {
 

@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_target.h"
-#include "trace/masks.h"
+#include "trace/control/masks.h"
 
 namespace {
 

@@ -12,10 +12,10 @@
 #include <atomic>
 #include <cstring>
 
+#include "common/errno_guard.h"
 #include "nodeplatform/nodeplatform.h"
 #include "nodetrace/logbridge.h"
 #include "nodetrace/trace_layout.h"
-#include "trace/errno_guard.h"
 
 // The feature tag table. Rows 0 to 29 are the application families of the
 // node, named as their trace sets are; row 30 takes the library's own

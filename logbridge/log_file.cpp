@@ -25,12 +25,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "nodetrace/logbridge.h"
+#include "common/errno_guard.h"
+#include "common/node_names.h"
+#include "common/scoped_handles.h"
+#include "common/syscalls.h"
 #include "logbridge/feature_tags.h"
-#include "trace/errno_guard.h"
-#include "trace/node_names.h"
-#include "trace/scoped_handles.h"
-#include "trace/syscalls.h"
+#include "nodetrace/logbridge.h"
 
 namespace nt {
 namespace {
@@ -149,4 +149,14 @@ extern "C" NODETRACE_API void flushHBKLogFile(int32_t withNote) {
   }
   nt::sys::syslog(LOG_ERR, nt::kOpenFailed, basename(copy));
   std::free(copy);
+}
+
+// The paths of the local log file and of its saved tail start as the two
+// node names. Pointing at the table's own buffers (constant-initialised, so
+// no order of static initialisation matters) makes the build's path prefix
+// and the relocation of the tests apply to them; a process may still point
+// them anywhere else.
+extern "C" {
+NODETRACE_API constinit const char* TMGR_HBK_LOG_FILE_NAME = nt::g_names.hbkLog;
+NODETRACE_API constinit const char* TMGR_HBK_LOG_FILE_NAME_TMP = nt::g_names.hbkLogTmp;
 }

@@ -9,10 +9,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/errno_guard.h"
+#include "common/syscalls.h"
 #include "logbridge/log_file.h"
 #include "nodetrace/logbridge.h"
-#include "trace/errno_guard.h"
-#include "trace/syscalls.h"
 
 namespace nt {
 namespace {

@@ -1,4 +1,4 @@
-#include "tool/arguments.h"
+#include "arguments.h"
 
 #include <algorithm>
 #include <cctype>

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "arguments.h"
+#include "commands.h"
+#include "node_check.h"
 #include "nodetrace/nodetrace.h"
-#include "tool/arguments.h"
-#include "tool/commands.h"
-#include "tool/node_check.h"
 
 namespace nodetrace_tool {
 

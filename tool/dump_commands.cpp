@@ -16,11 +16,11 @@
 #include <memory>
 #include <string>
 
+#include "arguments.h"
+#include "commands.h"
+#include "entry_listing.h"
+#include "node_check.h"
 #include "nodetrace/nodetrace.h"
-#include "tool/arguments.h"
-#include "tool/commands.h"
-#include "tool/entry_listing.h"
-#include "tool/node_check.h"
 
 namespace nodetrace_tool {
 

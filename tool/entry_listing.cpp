@@ -1,10 +1,10 @@
-#include "tool/entry_listing.h"
+#include "entry_listing.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 
-#include "tool/arguments.h"
+#include "arguments.h"
 
 namespace nodetrace_tool {
 

@@ -25,11 +25,11 @@
 #include <string>
 #include <vector>
 
-#include "tool/arguments.h"
-#include "tool/commands.h"
-#include "tool/entry_listing.h"
-#include "tool/node_check.h"
-#include "tool/show_format.h"
+#include "arguments.h"
+#include "commands.h"
+#include "entry_listing.h"
+#include "node_check.h"
+#include "show_format.h"
 
 namespace nodetrace_tool {
 

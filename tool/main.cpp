@@ -1,5 +1,5 @@
 // The nodetrace tool on the node: the shipped library, the node's own names.
 
-#include "tool/commands.h"
+#include "commands.h"
 
 int main(int argc, char** argv) { return nodetrace_tool::runTool(argc, argv); }

@@ -1,4 +1,4 @@
-#include "tool/node_check.h"
+#include "node_check.h"
 
 #include <fcntl.h>
 #include <semaphore.h>
@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "arguments.h"
 #include "nodetrace/trace_layout.h"
-#include "tool/arguments.h"
 
 #ifndef NODETRACE_PATH_PREFIX
 #define NODETRACE_PATH_PREFIX ""

@@ -10,15 +10,15 @@
 #include <string>
 #include <vector>
 
-#include "tool/arguments.h"
-#include "tool/commands.h"
-#include "tool/entry_listing.h"
-#include "tool/node_check.h"
-#include "tool/show_format.h"
+#include "arguments.h"
+#include "commands.h"
+#include "entry_listing.h"
+#include "node_check.h"
+#include "show_format.h"
 
 #ifdef NODETRACE_TOOL_HAS_DECODE
-#include "tool/decode/dump_reader.h"
-#include "tool/decode/entry_output.h"
+#include "decode/dump_reader.h"
+#include "decode/entry_output.h"
 #endif
 
 namespace nodetrace_tool {

@@ -2,11 +2,11 @@
 #include <string>
 #include <vector>
 
-#include "tool/arguments.h"
-#include "tool/commands.h"
+#include "arguments.h"
+#include "commands.h"
 
 #ifdef NODETRACE_TOOL_HAS_DECODE
-#include "tool/decode/decode_command.h"
+#include "decode/decode_command.h"
 #endif
 
 #ifndef NODETRACE_TOOL_VERSION

@@ -13,13 +13,13 @@
 #include <utility>
 #include <vector>
 
+#include "common/syscalls.h"
 #include "logbridge/feature_tags.h"
 #include "logbridge/log_file.h"
 #include "nodetrace/logbridge.h"
 #include "nodetrace/trace_layout.h"
 #include "tests/support/node_test.h"
 #include "tests/support/recording_platform.h"
-#include "trace/syscalls.h"
 
 namespace nt::test {
 namespace {

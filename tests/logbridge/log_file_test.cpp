@@ -14,11 +14,11 @@
 #include <thread>
 #include <vector>
 
+#include "common/node_names.h"
+#include "common/syscalls.h"
 #include "logbridge/log_file.h"
 #include "nodetrace/logbridge.h"
 #include "tests/support/node_test.h"
-#include "trace/node_names.h"
-#include "trace/syscalls.h"
 
 namespace nt::test {
 namespace {

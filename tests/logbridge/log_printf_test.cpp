@@ -8,9 +8,9 @@
 #include <string_view>
 #include <vector>
 
+#include "common/syscalls.h"
 #include "nodetrace/logbridge.h"
 #include "tests/support/node_test.h"
-#include "trace/syscalls.h"
 
 namespace nt::test {
 namespace {

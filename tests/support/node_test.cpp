@@ -15,14 +15,14 @@
 #include <fstream>
 #include <sstream>
 
+#include "common/node_names.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
+#include "common/test_points.h"
 #include "logbridge/log_file.h"
 #include "tests/support/recording_platform.h"
-#include "trace/node_names.h"
-#include "trace/shared_access.h"
-#include "trace/syscalls.h"
-#include "trace/test_points.h"
-#include "trace/trace_lock.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
+#include "trace/store/trace_lock.h"
 
 #ifndef NODETRACE_TEST_TOOLS_DIR
 #error "NODETRACE_TEST_TOOLS_DIR must name the directory of the shell tool stand-ins"

@@ -6,10 +6,10 @@
 #include <cstdlib>
 #include <string>
 
+#include "common/node_names.h"
 #include "logbridge/log_file.h"
 #include "tool/commands.h"
 #include "tool/node_check.h"
-#include "trace/node_names.h"
 
 int main(int argc, char** argv) {
   const char* root = std::getenv("NODETRACE_TEST_ROOT");

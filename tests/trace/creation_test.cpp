@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "tests/support/node_test.h"
-#include "trace/shared_access.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

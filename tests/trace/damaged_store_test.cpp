@@ -1,5 +1,5 @@
 // Damaged shared memory and SRAM files: for every damaged field, every
-// operation that reads it gives its chosen refusal (trace/damage_policy.h)
+// operation that reads it gives its chosen refusal (trace/store/damage_policy.h)
 // with exact results, never reaches outside the mapping, the file regions
 // or the caller's buffers, and leaves what it must not change unchanged.
 #include <fcntl.h>
@@ -11,15 +11,15 @@
 #include <string>
 #include <vector>
 
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "nodetrace/logbridge.h"
 #include "tests/support/recording_platform.h"
 #include "tests/trace/dump_decoder.h"
 #include "tests/trace/store_fixture.h"
-#include "trace/entry_search.h"
-#include "trace/error_trace.h"
-#include "trace/shared_access.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/reading/entry_search.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

@@ -14,12 +14,12 @@
 #include <string>
 #include <vector>
 
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "tests/support/recording_platform.h"
 #include "tests/trace/dump_decoder.h"
 #include "tests/trace/store_fixture.h"
-#include "trace/shared_access.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <string>
 
+#include "common/shared_fields.h"
 #include "tests/trace/dump_decoder.h"
 #include "tests/trace/store_fixture.h"
-#include "trace/shared_access.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

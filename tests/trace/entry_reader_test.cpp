@@ -15,11 +15,11 @@
 #include <string_view>
 #include <vector>
 
+#include "common/syscalls.h"
 #include "tests/support/node_test.h"
 #include "tests/support/recording_platform.h"
-#include "trace/error_trace.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

@@ -13,11 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "tests/trace/store_fixture.h"
-#include "trace/entry_search.h"
-#include "trace/shared_access.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/reading/entry_search.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

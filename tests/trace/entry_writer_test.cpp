@@ -20,11 +20,11 @@
 #include <thread>
 #include <vector>
 
+#include "common/shared_fields.h"
 #include "nodetrace/logbridge.h"
 #include "tests/support/node_test.h"
 #include "tests/support/recording_platform.h"
-#include "trace/shared_access.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

@@ -23,11 +23,11 @@
 #include <tuple>
 #include <vector>
 
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "tests/support/node_test.h"
-#include "trace/error_trace.h"
-#include "trace/shared_access.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "common/syscalls.h"
 #include "tests/support/recording_platform.h"
 #include "tests/trace/store_fixture.h"
-#include "trace/syscalls.h"
 
 namespace nt::test {
 namespace {

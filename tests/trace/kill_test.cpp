@@ -20,12 +20,12 @@
 #include <string>
 #include <vector>
 
+#include "common/test_points.h"
 #include "tests/trace/layout_check.h"
 #include "tests/trace/store_fixture.h"
-#include "trace/lock_holder.h"
-#include "trace/test_points.h"
-#include "trace/trace_lock.h"
-#include "trace/trace_system.h"
+#include "trace/store/lock_holder.h"
+#include "trace/store/startup.h"
+#include "trace/store/trace_lock.h"
 
 namespace nt::test {
 namespace {

@@ -5,7 +5,7 @@
 #include <cstddef>
 
 #include "nodetrace/nodetrace.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace {
 

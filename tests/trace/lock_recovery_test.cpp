@@ -19,12 +19,12 @@
 #include <thread>
 #include <vector>
 
+#include "common/node_names.h"
 #include "tests/support/node_test.h"
-#include "trace/error_trace.h"
-#include "trace/lock_holder.h"
-#include "trace/node_names.h"
-#include "trace/trace_lock.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/store/lock_holder.h"
+#include "trace/store/startup.h"
+#include "trace/store/trace_lock.h"
 
 namespace nt::test {
 namespace {

@@ -10,11 +10,11 @@
 #include <cstdlib>
 #include <thread>
 
+#include "common/node_names.h"
+#include "common/shared_fields.h"
 #include "tests/support/node_test.h"
-#include "trace/node_names.h"
-#include "trace/shared_access.h"
-#include "trace/trace_lock.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
+#include "trace/store/trace_lock.h"
 
 namespace nt::test {
 namespace {

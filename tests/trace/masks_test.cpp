@@ -12,11 +12,11 @@
 #include <string>
 #include <thread>
 
+#include "common/shared_fields.h"
 #include "tests/support/node_test.h"
 #include "tests/support/recording_platform.h"
-#include "trace/masks.h"
-#include "trace/shared_access.h"
-#include "trace/trace_system.h"
+#include "trace/control/masks.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

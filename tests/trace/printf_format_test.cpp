@@ -16,7 +16,7 @@
 #include <string_view>
 #include <type_traits>
 
-#include "trace/printf_format.h"
+#include "trace/store/printf_format.h"
 
 // The rows hand their formats on to the two formatters; several formats
 // are deliberately unusual.

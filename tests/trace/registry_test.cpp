@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/shared_fields.h"
 #include "tests/support/node_test.h"
-#include "trace/shared_access.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

@@ -23,12 +23,12 @@
 #include <thread>
 #include <vector>
 
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "tests/support/node_test.h"
-#include "trace/entry_stamp.h"
-#include "trace/remote_entries.h"
-#include "trace/shared_access.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/remote_entries.h"
+#include "trace/store/header_stamps.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

@@ -8,10 +8,10 @@
 #include <cstring>
 #include <string>
 
+#include "common/syscalls.h"
 #include "tests/support/node_test.h"
-#include "trace/error_trace.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/persistent/error_trace.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

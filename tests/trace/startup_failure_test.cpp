@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "common/syscalls.h"
 #include "tests/support/node_test.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

@@ -11,10 +11,10 @@
 #include <fstream>
 #include <thread>
 
+#include "common/shared_fields.h"
 #include "tests/support/node_test.h"
 #include "tests/support/recording_platform.h"
-#include "trace/shared_access.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

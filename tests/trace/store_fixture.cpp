@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/shared_fields.h"
 #include "tests/support/recording_platform.h"
-#include "trace/shared_access.h"
-#include "trace/trace_system.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 

@@ -12,12 +12,12 @@
 #include <string>
 #include <vector>
 
+#include "common/node_names.h"
+#include "common/shared_fields.h"
+#include "common/syscalls.h"
 #include "tests/trace/store_fixture.h"
-#include "trace/node_names.h"
-#include "trace/shared_access.h"
-#include "trace/slot_access.h"
-#include "trace/syscalls.h"
-#include "trace/trace_system.h"
+#include "trace/store/ring_slots.h"
+#include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {

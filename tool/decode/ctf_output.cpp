@@ -1,4 +1,4 @@
-#include "tool/decode/ctf_output.h"
+#include "decode/ctf_output.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,7 +11,7 @@
 #include <system_error>
 #include <tuple>
 
-#include "tool/decode/entry_text.h"
+#include "decode/entry_text.h"
 
 namespace nodetrace_tool::decode {
 namespace {

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "tool/decode/dump_reader.h"
+#include "decode/dump_reader.h"
 
 namespace nodetrace_tool::decode {
 

@@ -1,10 +1,10 @@
-#include "tool/decode/decode_command.h"
+#include "decode/decode_command.h"
 
 #include <iostream>
 #include <memory>
 #include <string>
 
-#include "tool/decode/decode_run.h"
+#include "decode/decode_run.h"
 
 namespace {
 

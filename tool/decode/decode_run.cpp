@@ -1,10 +1,10 @@
-#include "tool/decode/decode_run.h"
+#include "decode/decode_run.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 
-#include "tool/decode/ctf_output.h"
+#include "decode/ctf_output.h"
 
 namespace nodetrace_tool::decode {
 namespace {

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "tool/decode/dump_reader.h"
-#include "tool/decode/entry_output.h"
-#include "tool/show_format.h"
+#include "decode/dump_reader.h"
+#include "decode/entry_output.h"
+#include "show_format.h"
 
 namespace nodetrace_tool::decode {
 

@@ -1,4 +1,4 @@
-#include "tool/decode/dump_reader.h"
+#include "decode/dump_reader.h"
 
 #include <fcntl.h>
 #include <unistd.h>

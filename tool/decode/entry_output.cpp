@@ -1,4 +1,4 @@
-#include "tool/decode/entry_output.h"
+#include "decode/entry_output.h"
 
 #include <map>
 #include <nlohmann/json.hpp>
@@ -6,7 +6,7 @@
 #include <tuple>
 #include <utility>
 
-#include "tool/decode/entry_text.h"
+#include "decode/entry_text.h"
 
 namespace nodetrace_tool::decode {
 namespace {

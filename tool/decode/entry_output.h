@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tool/decode/dump_reader.h"
+#include "decode/dump_reader.h"
 
 namespace nodetrace_tool::decode {
 

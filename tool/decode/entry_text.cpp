@@ -1,4 +1,4 @@
-#include "tool/decode/entry_text.h"
+#include "decode/entry_text.h"
 
 #include <algorithm>
 #include <cstdarg>

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "tool/decode/dump_reader.h"
+#include "decode/dump_reader.h"
 
 namespace nodetrace_tool::decode {
 
