@@ -832,11 +832,7 @@ TEST_F(RemoteTest, MissingRegionIsReportedOncePerProcessAndLoggedAfterwards) {
   // No syslog line this time: the record goes to the error trace set.
   EXPECT_TRUE(sys::capturedSyslog().empty());
   const SramEntry report = readSramEntry(sram(), 0, 0);
-  EXPECT_EQ(report.text(), "addRemoteSystemEntry: trace set struct for NVJ_System not found");
-  EXPECT_STREQ(report.header.fileName, "traceLibLocal.c");
-  EXPECT_EQ(report.header.line, 3901);
-  EXPECT_EQ(report.header.severity, 0x80);
-  EXPECT_EQ(report.header.category, 0x80000001u);
+  expectLibraryRecord(report, 3901, "addRemoteSystemEntry: trace set struct for NVJ_System not found");
   EXPECT_EQ(report.header.contentsLength, 63);
   EXPECT_EQ(report.header.pid, static_cast<std::uint32_t>(getpid()));
   EXPECT_EQ(readSramDescriptor(sram(), 0).totalNumberEntries, 1u);
