@@ -60,6 +60,13 @@ void NodeTest::SetUp() {
 
 void NodeTest::useRealLockDeadline() { setLockDeadlineMillisecondsForTests(0); }
 
+std::int16_t NodeTest::createSet(const char* name, std::uint32_t type, std::uint16_t maxEntries,
+                                 std::uint16_t maxLength, std::uint32_t mask) {
+  std::int16_t id = -1;
+  EXPECT_EQ(initTraceSet(name, type, maxEntries, maxLength, mask, &id), 0) << name;
+  return id;
+}
+
 void NodeTest::TearDown() {
   setTestPointHook(nullptr);
   setLockDeadlineMillisecondsForTests(0);
@@ -152,6 +159,23 @@ SramEntry readSramEntry(const std::string& sramPath, int region, unsigned slot) 
                           file.begin() + static_cast<long>(offset + TRACE_SRAM_SLOT_SIZE));
   }
   return entry;
+}
+
+TraceSetStruct freshSramDescriptor(const char* name, std::uint32_t dataOffset) {
+  TraceSetStruct d{};
+  std::strncpy(d.name, name, sizeof d.name);
+  d.type = TS_STRING;
+  d.categoryMask = 0xFFFFFFFFu;
+  d.maxNumberEntries = 738;
+  d.traceEntryContentsLength = 128;
+  d.creatorPid = static_cast<std::uint32_t>(getpid());
+  d.dataOffset = dataOffset;
+  return d;
+}
+
+Bytes bytesOf(const void* record, std::size_t size) {
+  const auto* bytes = static_cast<const std::uint8_t*>(record);
+  return Bytes(bytes, bytes + size);
 }
 
 std::uint16_t u16At(const Bytes& bytes, std::size_t offset) {

@@ -21,6 +21,8 @@ namespace nt::test {
 
 using Bytes = std::vector<std::uint8_t>;
 
+inline constexpr std::uint32_t kAllCategories = 0xFFFFFFFFu;
+
 // The lock deadline of the tests: NodeTest shortens the real 5 seconds to
 // this, so that a test that waits one out does not wait long. A test whose
 // processes or threads contend for the lock without ever meaning to wait one
@@ -38,8 +40,14 @@ class NodeTest : public ::testing::Test {
   // forked afterwards inherit it).
   static void useRealLockDeadline();
 
+  // A user trace set made by initTraceSet, which must succeed; its id.
+  static std::int16_t createSet(const char* name, std::uint32_t type = TS_STRING, std::uint16_t maxEntries = 10,
+                                std::uint16_t maxLength = 128, std::uint32_t mask = kAllCategories);
+
   // A node path ("/var/log/sram") inside this test's root.
   std::string path(std::string_view nodePath) const { return root_ + std::string(nodePath); }
+  // The SRAM file of this test's node.
+  std::string sram() const { return path("/var/log/sram"); }
   const std::string& shmName() const { return shmName_; }
   const std::string& semaphoreName() const { return semaphoreName_; }
   // What the shell tool stand-ins were asked to do, one line per call.
@@ -76,6 +84,13 @@ struct SramEntry {
   std::string text() const;  // contents up to the first zero byte
 };
 SramEntry readSramEntry(const std::string& sramPath, int region, unsigned slot);
+
+// The descriptor of an SRAM set as start-up and re-creation write it, with
+// zero counts.
+TraceSetStruct freshSramDescriptor(const char* name, std::uint32_t dataOffset);
+
+// The bytes of a record, to compare records byte for byte.
+Bytes bytesOf(const void* record, std::size_t size);
 
 // Little-endian field readers for byte images.
 std::uint16_t u16At(const Bytes& bytes, std::size_t offset);

@@ -23,8 +23,6 @@ class CreationTest : public NodeTest {
     getCurrentNumberTraceSets();
   }
 
-  std::string sram() const { return path("/var/log/sram"); }
-
   Bytes descriptorBytes(int id) const {
     const Bytes object = readSharedObject(shmName());
     const auto begin = object.begin() + 248 + id * 48;

@@ -40,7 +40,6 @@ class TraceControlTest : public NodeTest {
     getCurrentNumberTraceSets();  // start the trace system: header and SRAM file
   }
 
-  std::string sram() const { return path("/var/log/sram"); }
   unsigned recordCount() const { return readSramDescriptor(sram(), 0).curentNumberEntries; }
 
   struct Record {

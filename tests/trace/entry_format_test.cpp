@@ -122,7 +122,6 @@ class EntryFormatTest : public NodeTest {
 
   std::string print(std::string format, std::int16_t id = 3) { return printIn(format, id); }
 
-  std::string sram() const { return path("/var/log/sram"); }
   std::uint32_t errorEntries() const { return readSramDescriptor(sram(), 0).totalNumberEntries; }
 
   std::optional<ScopedTimeZone> zone_;

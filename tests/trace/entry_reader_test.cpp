@@ -29,11 +29,6 @@ using sys::Call;
 constexpr std::size_t kBufferSize = 1700;  // 1600 the reader owns, 100 it must not touch
 constexpr std::uint8_t kUntouched = 0xAA;
 
-Bytes bytesOf(const void* record, std::size_t size) {
-  const auto* bytes = static_cast<const std::uint8_t*>(record);
-  return Bytes(bytes, bytes + size);
-}
-
 Bytes textBytes(std::string_view text) { return Bytes(text.begin(), text.end()); }
 
 // The whole caller buffer after a successful read: the copied bytes, zeros
@@ -68,15 +63,6 @@ class EntryReaderTest : public NodeTest {
     NodeTest::SetUp();
     getCurrentNumberTraceSets();  // start the trace system: header and SRAM file
     buffer_.assign(kBufferSize, kUntouched);
-  }
-
-  std::string sram() const { return path("/var/log/sram"); }
-
-  static std::int16_t createSet(const char* name, std::uint32_t type, std::uint16_t maxEntries,
-                                std::uint16_t maxLength) {
-    std::int16_t id = -1;
-    EXPECT_EQ(initTraceSet(name, type, maxEntries, maxLength, 0xFFFFFFFFu, &id), 0);
-    return id;
   }
 
   static std::uint32_t slotOffset(std::int16_t id, unsigned index) {

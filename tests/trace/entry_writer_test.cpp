@@ -23,63 +23,15 @@
 #include "common/shared_fields.h"
 #include "nodetrace/logbridge.h"
 #include "tests/support/node_test.h"
+#include "tests/trace/store_fixture.h"
 #include "tests/support/recording_platform.h"
 #include "trace/store/startup.h"
 
 namespace nt::test {
 namespace {
 
-constexpr std::uint32_t kAll = 0xFFFFFFFFu;
-
-struct Slot {
-  TraceEntryHeader header;
-  Bytes contents;  // every contents byte of the slot
-  std::string text() const {
-    return std::string(reinterpret_cast<const char*>(contents.data()),
-                       strnlen(reinterpret_cast<const char*>(contents.data()), contents.size()));
-  }
-};
-
-class WriterTest : public NodeTest {
+class WriterTest : public StoreTest {
  protected:
-  void SetUp() override {
-    NodeTest::SetUp();
-    getCurrentNumberTraceSets();  // starts the trace system
-    clearPlatformCalls();
-  }
-
-  std::int16_t createSet(const char* name, std::uint32_t type, std::uint16_t maxEntries,
-                         std::uint16_t maxLength, std::uint32_t mask = kAll) {
-    std::int16_t id = -1;
-    EXPECT_EQ(initTraceSet(name, type, maxEntries, maxLength, mask, &id), 0);
-    clearPlatformCalls();
-    return id;
-  }
-
-  static TraceSetStruct descriptor(std::int16_t id) {
-    TraceSetStruct copy;
-    std::memcpy(&copy, getTraceSetStruct(static_cast<std::uint16_t>(id)), sizeof copy);
-    return copy;
-  }
-
-  // The slot as another process sees it in the shared mapping.
-  static Slot slot(std::int16_t id, unsigned index) {
-    const TraceSetStruct d = descriptor(id);
-    const std::uint8_t* at = g_process.base + d.dataOffset +
-                             static_cast<std::size_t>(getTraceEntrySize(d.traceEntryContentsLength)) * index;
-    Slot s{};
-    std::memcpy(&s.header, at, sizeof s.header);
-    s.contents.assign(at + 80, at + 80 + align32(d.traceEntryContentsLength));
-    return s;
-  }
-
-  static Bytes textContents(std::string_view text, std::size_t size) {
-    Bytes contents(size, 0);
-    std::memcpy(contents.data(), text.data(), std::min(text.size(), size));
-    return contents;
-  }
-
-  std::string sram() const { return path("/var/log/sram"); }
   std::uint16_t errorEntries() const { return readSramDescriptor(sram(), 0).curentNumberEntries; }
 };
 

@@ -37,31 +37,13 @@ using sys::Call;
 constexpr std::uint32_t kSramFileSize = 153648;  // both descriptors, nothing after
 constexpr std::uint32_t kMaxSramFileSize = 524288;
 
-Bytes bytesOf(const void* record, std::size_t size) {
-  const auto* bytes = static_cast<const std::uint8_t*>(record);
-  return Bytes(bytes, bytes + size);
-}
-
-// The descriptor of an SRAM set as start-up and re-creation write it.
-TraceSetStruct freshDescriptor(const char* name, std::uint32_t dataOffset) {
-  TraceSetStruct d{};
-  std::strncpy(d.name, name, sizeof d.name);
-  d.type = TS_STRING;
-  d.categoryMask = 0xFFFFFFFFu;
-  d.maxNumberEntries = 738;
-  d.traceEntryContentsLength = 128;
-  d.creatorPid = static_cast<std::uint32_t>(getpid());
-  d.dataOffset = dataOffset;
-  return d;
-}
-
 // The whole SRAM file right after it was created: version, two descriptors
 // with zero counts, zeros elsewhere.
 Bytes freshSramFile() {
   Bytes file(kSramFileSize, 0);
   std::memcpy(file.data(), "1.4", 4);
-  const TraceSetStruct system = freshDescriptor("System", 52);
-  const TraceSetStruct remote = freshDescriptor("NVJ_System", 153648);
+  const TraceSetStruct system = freshSramDescriptor("System", 52);
+  const TraceSetStruct remote = freshSramDescriptor("NVJ_System", 153648);
   std::memcpy(file.data() + 4, &system, sizeof system);
   std::memcpy(file.data() + 153600, &remote, sizeof remote);
   return file;
@@ -122,14 +104,7 @@ class ErrorTraceTest : public NodeTest {
     pthread_sigmask(SIG_SETMASK, nullptr, &mask_);
   }
 
-  std::string sram() const { return path("/var/log/sram"); }
   Bytes sramFile() const { return readFileBytes(sram()); }
-
-  static std::int16_t createSet(const char* name) {
-    std::int16_t id = -1;
-    EXPECT_EQ(initTraceSet(name, TS_STRING, 10, 128, 0xFFFFFFFFu, &id), 0);
-    return id;
-  }
 
   // The lock is free, nobody is recorded as its holder, and the caller's
   // signal mask is back.
@@ -142,7 +117,7 @@ class ErrorTraceTest : public NodeTest {
   }
 
   void expectDescriptor(std::uint16_t writeIndex, std::uint16_t current, std::uint32_t total) const {
-    TraceSetStruct expected = freshDescriptor("System", 52);
+    TraceSetStruct expected = freshSramDescriptor("System", 52);
     expected.writeIndex = writeIndex;
     expected.curentNumberEntries = current;
     expected.totalNumberEntries = total;
@@ -446,7 +421,7 @@ TEST_F(ErrorTraceTest, RingWrapsAfter738Entries) {
 
 TEST_F(ErrorTraceTest, EveryCallContinuesFromTheDescriptorInTheFile) {
   // Another writer (or the previous run of the node) left the set here.
-  TraceSetStruct descriptor = freshDescriptor("System", 52);
+  TraceSetStruct descriptor = freshSramDescriptor("System", 52);
   descriptor.writeIndex = 5;
   descriptor.curentNumberEntries = 5;
   descriptor.totalNumberEntries = 1000;

@@ -45,12 +45,6 @@ class MasksTest : public NodeTest {
   }
 
   // A new user set; fails the test when creation does not return 0.
-  static std::int16_t createSet(const char* name, std::uint32_t mask) {
-    std::int16_t id = -1;
-    EXPECT_EQ(initTraceSet(name, TS_STRING, 10, 128, mask, &id), 0) << name;
-    return id;
-  }
-
   // Lookup of name in the trace mask file, the result preset to kUntouched.
   struct Lookup {
     int rc;
@@ -74,7 +68,7 @@ class MasksTest : public NodeTest {
     const Lookup found = lookup("Radio");
     EXPECT_EQ(found.rc, 1);
     EXPECT_EQ(found.mask, fileMask);
-    EXPECT_EQ(categoryMaskBytes(createSet("Radio", ~fileMask)), fileMask);
+    EXPECT_EQ(categoryMaskBytes(createSet("Radio", TS_STRING, 10, 128, ~fileMask)), fileMask);
   }
 
   // On a fresh node, a trace mask file of this text has no line for
@@ -86,7 +80,7 @@ class MasksTest : public NodeTest {
     const Lookup found = lookup("Radio");
     EXPECT_EQ(found.rc, 0);
     EXPECT_EQ(found.mask, kUntouched);
-    EXPECT_EQ(categoryMaskBytes(createSet("Radio", creatorMask)), creatorMask);
+    EXPECT_EQ(categoryMaskBytes(createSet("Radio", TS_STRING, 10, 128, creatorMask)), creatorMask);
   }
 };
 
@@ -239,7 +233,7 @@ TEST_F(MasksTest, UnknownIdsAreRefused) {
     EXPECT_EQ(setCategoryMask(id, 0x0F), -5);
     EXPECT_EQ(getCategoryMask(id), 0);
   }
-  const std::int16_t id = createSet("Radio", 0xF0);
+  const std::int16_t id = createSet("Radio", TS_STRING, 10, 128, 0xF0);
   ASSERT_EQ(id, 0);
   EXPECT_EQ(setCategoryMask(1, 0x0F), -5);
   EXPECT_EQ(getCategoryMask(1), 0);
@@ -248,8 +242,8 @@ TEST_F(MasksTest, UnknownIdsAreRefused) {
 }
 
 TEST_F(MasksTest, SettingReplacesTheMaskOfTheSet) {
-  createSet("Radio", 0x01);
-  const std::int16_t id = createSet("Poll", 0xF0);
+  createSet("Radio", TS_STRING, 10, 128, 0x01);
+  const std::int16_t id = createSet("Poll", TS_STRING, 10, 128, 0xF0);
   ASSERT_EQ(id, 1);
 
   EXPECT_EQ(setCategoryMask(id, 0x0F), 0);
@@ -269,7 +263,7 @@ TEST_F(MasksTest, SettingReplacesTheMaskOfTheSet) {
 }
 
 TEST_F(MasksTest, GettingReadsTheDescriptor) {
-  const std::int16_t id = createSet("Radio", 0x12345678);
+  const std::int16_t id = createSet("Radio", TS_STRING, 10, 128, 0x12345678);
   EXPECT_EQ(getCategoryMask(id), 0x12345678);
   storeShared(&userDescriptor(0)->categoryMask, 0xFFFFFFFEu);
   EXPECT_EQ(getCategoryMask(id), -2);
@@ -285,7 +279,7 @@ TEST_F(MasksTest, MaskWithOrWithoutPrefixIsHex) {
     const Lookup found = lookup("Radio");
     EXPECT_EQ(found.rc, 1);
     EXPECT_EQ(found.mask, 0x1Fu);
-    const std::int16_t id = createSet("Radio", 0xA5A50000);
+    const std::int16_t id = createSet("Radio", TS_STRING, 10, 128, 0xA5A50000);
     EXPECT_EQ(categoryMaskBytes(id), 0x1Fu);  // the file overrides the creator
   }
 }
@@ -337,7 +331,7 @@ TEST_F(MasksTest, NumberSignStartsAComment) {
     EXPECT_EQ(found.rc, 0);
     EXPECT_EQ(found.mask, kUntouched);
   }
-  const std::int16_t id = createSet("Radio", 0x44);
+  const std::int16_t id = createSet("Radio", TS_STRING, 10, 128, 0x44);
   EXPECT_EQ(categoryMaskBytes(id), 0x44u);
 }
 
@@ -388,7 +382,7 @@ TEST_F(MasksTest, LongLinesArriveInPiecesOfSeventyNineCharacters) {
   EXPECT_EQ(found.rc, 1);
   EXPECT_EQ(found.mask, 0x2Au);
   EXPECT_EQ(lookup("Other").rc, 0);
-  const std::int16_t id = createSet("Radio", 0xF0);
+  const std::int16_t id = createSet("Radio", TS_STRING, 10, 128, 0xF0);
   EXPECT_EQ(categoryMaskBytes(id), 0x2Au);
 
   // A name cut at the boundary is two names.
@@ -426,7 +420,7 @@ TEST_F(MasksTest, MissingOrEmptyFileFindsNothing) {
   found = lookup("Radio");
   EXPECT_EQ(found.rc, 0);
   EXPECT_EQ(found.mask, kUntouched);
-  const std::int16_t id = createSet("Radio", 0x66);
+  const std::int16_t id = createSet("Radio", TS_STRING, 10, 128, 0x66);
   EXPECT_EQ(categoryMaskBytes(id), 0x66u);
 }
 
@@ -512,9 +506,9 @@ TEST_F(MasksTest, TheExampleFile) {
   EXPECT_EQ(lookup("comment").rc, 0);
   EXPECT_EQ(lookup("#").rc, 0);
 
-  const std::int16_t diag = createSet("DiagSet", 0x100);
-  const std::int16_t poll = createSet("PollSet", 0x100);
-  const std::int16_t other = createSet("OtherSet", 0x100);
+  const std::int16_t diag = createSet("DiagSet", TS_STRING, 10, 128, 0x100);
+  const std::int16_t poll = createSet("PollSet", TS_STRING, 10, 128, 0x100);
+  const std::int16_t other = createSet("OtherSet", TS_STRING, 10, 128, 0x100);
   EXPECT_EQ(categoryMaskBytes(diag), 0x0000000Fu);
   EXPECT_EQ(categoryMaskBytes(poll), 0xFFFFFFFFu);
   EXPECT_EQ(categoryMaskBytes(other), 0x100u);
@@ -522,7 +516,7 @@ TEST_F(MasksTest, TheExampleFile) {
 
 TEST_F(MasksTest, OpeningASetWithALineInTheFileKeepsItsMask) {
   writeFileText(masksFile(), "Radio 0x1F\n");
-  const std::int16_t id = createSet("Radio", 0xF0);
+  const std::int16_t id = createSet("Radio", TS_STRING, 10, 128, 0xF0);
   ASSERT_EQ(categoryMaskBytes(id), 0x1Fu);
   ASSERT_EQ(setCategoryMask(id, 0x100), 0);
 
@@ -534,7 +528,7 @@ TEST_F(MasksTest, OpeningASetWithALineInTheFileKeepsItsMask) {
 
 TEST_F(MasksTest, OpeningASetWithoutALineInTheFileWidensItsMask) {
   writeFileText(masksFile(), "Poll 0x1F\n");
-  const std::int16_t id = createSet("Radio", 0xF0);
+  const std::int16_t id = createSet("Radio", TS_STRING, 10, 128, 0xF0);
   ASSERT_EQ(categoryMaskBytes(id), 0xF0u);
 
   std::int16_t again = -1;

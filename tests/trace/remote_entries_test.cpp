@@ -26,6 +26,7 @@
 #include "common/shared_fields.h"
 #include "common/syscalls.h"
 #include "tests/support/node_test.h"
+#include "tests/trace/store_fixture.h"
 #include "trace/persistent/remote_entries.h"
 #include "trace/store/header_stamps.h"
 #include "trace/store/startup.h"
@@ -36,7 +37,6 @@ namespace {
 using sys::Call;
 using sys::SyslogRecord;
 
-constexpr std::uint32_t kAll = 0xFFFFFFFFu;
 constexpr std::int32_t kPid = 4242;
 constexpr std::int32_t kTid = 4243;
 constexpr std::uint32_t kReal[2] = {0x65537A00u, 123456789u};
@@ -45,11 +45,6 @@ constexpr std::uint32_t kSramFileSize = 153648;  // both descriptors, nothing af
 constexpr std::uint32_t kMaxSramFileSize = 524288;
 constexpr std::size_t kRemoteDescriptorOffset = 153600;
 constexpr std::size_t kRemoteDataOffset = 153648;
-
-Bytes bytesOf(const void* record, std::size_t size) {
-  const auto* bytes = static_cast<const std::uint8_t*>(record);
-  return Bytes(bytes, bytes + size);
-}
 
 SyslogRecord logged(int priority, std::string_view text) {
   return {priority, "[PID:4242][TID:4243] " + std::string(text)};
@@ -92,29 +87,16 @@ Bytes headerBytes(const Expected& e) {
   return bytesOf(&h, sizeof h);
 }
 
-struct Slot {
+// A slot as bytes, to compare with the header bytes of an expected entry.
+struct SlotBytes {
   Bytes header;    // all 80 bytes
   Bytes contents;  // every contents byte of the slot
 };
 
-// The descriptor of a SRAM set as start-up writes it.
-TraceSetStruct freshDescriptor(const char* name, std::uint32_t dataOffset) {
-  TraceSetStruct d{};
-  std::strncpy(d.name, name, sizeof d.name);
-  d.type = TS_STRING;
-  d.categoryMask = kAll;
-  d.maxNumberEntries = 738;
-  d.traceEntryContentsLength = 128;
-  d.creatorPid = static_cast<std::uint32_t>(getpid());
-  d.dataOffset = dataOffset;
-  return d;
-}
-
-class RemoteTest : public NodeTest {
+class RemoteTest : public StoreTest {
  protected:
   void SetUp() override {
-    NodeTest::SetUp();
-    getCurrentNumberTraceSets();  // start the trace system: header and SRAM file
+    StoreTest::SetUp();  // starts the trace system: header and SRAM file
     forgetMissingRemoteSetReport();
     // A mask that is not empty, so that its restoration shows.
     sigset_t marker;
@@ -128,34 +110,17 @@ class RemoteTest : public NodeTest {
   void TearDown() override {
     sys::clearFailures();
     sys::resetSyslogCapture();
-    NodeTest::TearDown();
-  }
-
-  static std::int16_t createSet(const char* name, std::uint32_t type = TS_STRING, std::uint16_t maxEntries = 4,
-                                std::uint16_t maxLength = 128, std::uint32_t mask = kAll) {
-    std::int16_t id = -1;
-    EXPECT_EQ(initTraceSet(name, type, maxEntries, maxLength, mask, &id), 0);
-    sys::captureSyslog(true);  // forgets the openlog of the creation
-    return id;
-  }
-
-  static TraceSetStruct descriptor(std::int16_t id) {
-    TraceSetStruct copy;
-    std::memcpy(&copy, userDescriptor(static_cast<unsigned>(id)), sizeof copy);
-    return copy;
+    StoreTest::TearDown();
   }
 
   static std::uint8_t* slotAddress(std::int16_t id, unsigned index) {
-    const TraceSetStruct d = descriptor(id);
-    return g_process.base + d.dataOffset +
-           static_cast<std::size_t>(getTraceEntrySize(d.traceEntryContentsLength)) * index;
+    return reinterpret_cast<std::uint8_t*>(sharedSlot(id, index));
   }
 
   // A slot of a user set as another process sees it in the shared mapping.
-  static Slot userSlot(std::int16_t id, unsigned index) {
-    const std::uint8_t* at = slotAddress(id, index);
-    const std::size_t contents = align32(descriptor(id).traceEntryContentsLength);
-    return {Bytes(at, at + 80), Bytes(at + 80, at + 80 + contents)};
+  static SlotBytes userSlot(std::int16_t id, unsigned index) {
+    const Slot s = slot(id, index);
+    return {bytesOf(&s.header, sizeof s.header), s.contents};
   }
 
   // Fills a slot of a user set with a pattern, as an older entry would.
@@ -164,7 +129,6 @@ class RemoteTest : public NodeTest {
     std::memset(slotAddress(id, index), value, size);
   }
 
-  std::string sram() const { return path("/var/log/sram"); }
   Bytes sramFile() const { return readFileBytes(sram()); }
 
   void writeSramBytes(std::size_t offset, const void* data, std::size_t size) const {
@@ -174,13 +138,13 @@ class RemoteTest : public NodeTest {
   }
 
   // A slot of "NVJ_System" with its 128 contents bytes.
-  Slot remoteSlot(unsigned index) const {
+  SlotBytes remoteSlot(unsigned index) const {
     const SramEntry entry = readSramEntry(sram(), 1, index);
     return {bytesOf(&entry.header, sizeof entry.header), entry.contents};
   }
 
   void expectRemoteDescriptor(std::uint16_t writeIndex, std::uint16_t current, std::uint32_t total) const {
-    TraceSetStruct expected = freshDescriptor("NVJ_System", kRemoteDataOffset);
+    TraceSetStruct expected = freshSramDescriptor("NVJ_System", kRemoteDataOffset);
     expected.writeIndex = writeIndex;
     expected.curentNumberEntries = current;
     expected.totalNumberEntries = total;
@@ -229,9 +193,9 @@ TEST(SeverityToSyslogPriority, OneSeverityBitGivesItsPriorityAnythingElseDebug) 
 // ---- addRemoteEntry: what a slot holds ------------------------------------------
 
 TEST_F(RemoteTest, TextWithALineFeedIsStoredWithoutItAndLoggedWithIt) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   EXPECT_EQ(remote(id, 0x20, 1, "abc\n", 0, "src/remote.c", 77), 0);
-  const Slot s = userSlot(id, 0);
+  const SlotBytes s = userSlot(id, 0);
   // The file name is stored as given, path and all; the ids and clocks are
   // the remote unit's.
   EXPECT_EQ(s.header, headerBytes({.fileName = "src/remote.c", .line = 77, .contentsLength = 3}));
@@ -249,7 +213,7 @@ TEST_F(RemoteTest, TextWithALineFeedIsStoredWithoutItAndLoggedWithIt) {
 }
 
 TEST_F(RemoteTest, OnlyOneTrailingLineFeedIsDropped) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   EXPECT_EQ(remote(id, 0x20, 1, "ab\n\n"), 0);
   EXPECT_EQ(userSlot(id, 0).contents, textContents("ab\n", 128));
   EXPECT_EQ(userSlot(id, 0).header, headerBytes({.contentsLength = 3}));
@@ -259,10 +223,10 @@ TEST_F(RemoteTest, OnlyOneTrailingLineFeedIsDropped) {
 }
 
 TEST_F(RemoteTest, LongTextFillsTheWholeFieldWithoutATerminator) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   const std::string text = longText(200);
   EXPECT_EQ(remote(id, 0x20, 1, text.c_str()), 0);
-  const Slot s = userSlot(id, 0);
+  const SlotBytes s = userSlot(id, 0);
   EXPECT_EQ(s.contents, textContents(text.substr(0, 128), 128));
   EXPECT_EQ(s.header, headerBytes({.contentsLength = 128}));
   // The syslog line carries the whole text as the caller gave it.
@@ -270,7 +234,7 @@ TEST_F(RemoteTest, LongTextFillsTheWholeFieldWithoutATerminator) {
 }
 
 TEST_F(RemoteTest, TextOf128CharactersEndingInALineFeedKeeps127) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   const std::string text = longText(127) + "\n";
   EXPECT_EQ(remote(id, 0x20, 1, text.c_str()), 0);
   EXPECT_EQ(userSlot(id, 0).contents, textContents(longText(127), 128));
@@ -287,7 +251,7 @@ TEST_F(RemoteTest, TextIsCutToTheSetsMaximumAndThePaddingAfterItIsLeftAlone) {
   const std::int16_t id = createSet("Short", TS_STRING, 2, 10);
   fillUserSlot(id, 0, 0xA5);
   EXPECT_EQ(remote(id, 0x20, 1, "abcdefghijklmn"), 0);
-  const Slot s = userSlot(id, 0);
+  const SlotBytes s = userSlot(id, 0);
   // Ten characters, no terminator; the two bytes that round the slot up to
   // 12 keep what they held.
   EXPECT_EQ(s.contents, Bytes({'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 0xA5, 0xA5}));
@@ -305,7 +269,7 @@ TEST_F(RemoteTest, TextIsCutToTheSetsMaximumAndThePaddingAfterItIsLeftAlone) {
 }
 
 TEST_F(RemoteTest, TheLengthArgumentIsIgnoredForTextSets) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   EXPECT_EQ(remote(id, 0x20, 1, "abcdefgh", 3), 0);
   EXPECT_EQ(userSlot(id, 0).contents, textContents("abcdefgh", 128));
   EXPECT_EQ(userSlot(id, 0).header[64], 8);
@@ -316,7 +280,7 @@ TEST_F(RemoteTest, DumpKeepsItsLengthAndLeavesTheRestOfTheSlotAlone) {
   fillUserSlot(id, 0, 0xA5);
   const std::uint8_t bytes[] = {'A', 'B', 0, 'C', 0x7F, 0x80, '\n'};
   EXPECT_EQ(remote(id, 0x20, 1, bytes, sizeof bytes), 0);
-  const Slot s = userSlot(id, 0);
+  const SlotBytes s = userSlot(id, 0);
   Bytes expected(1600, 0xA5);
   std::copy(std::begin(bytes), std::end(bytes), expected.begin());
   EXPECT_EQ(s.contents, expected);  // a trailing line feed stays in a dump
@@ -347,7 +311,7 @@ TEST_F(RemoteTest, DumpOfTheMaximumLengthRecordsItsFullLength) {
 }
 
 TEST_F(RemoteTest, EveryHeaderFieldComesFromTheCaller) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   fillUserSlot(id, 0, 0xA5);
   const char* fileName = "abcdefghijklmnopqrstuvwxyz0123456789ABCD";  // 40 characters
   const std::uint32_t real[2] = {0xFFFFFFFEu, 999999999u};
@@ -369,7 +333,7 @@ TEST_F(RemoteTest, EveryHeaderFieldComesFromTheCaller) {
 }
 
 TEST_F(RemoteTest, MissingFileNameAndClocksAreStoredAsZeros) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   fillUserSlot(id, 0, 0xA5);
   EXPECT_EQ(addRemoteEntry(id, 0x20, 1, nullptr, 5, 0, "anonymous", kPid, kTid, nullptr, nullptr), 0);
   EXPECT_EQ(userSlot(id, 0).header, headerBytes({.fileName = nullptr, .line = 5, .contentsLength = 9,
@@ -394,7 +358,7 @@ TEST_F(RemoteTest, TheFourthRecordOfAThreeSlotRingLandsInSlotZero) {
 }
 
 TEST_F(RemoteTest, RemoteRecordsStayOutOfTheChainOfEntries) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   EXPECT_EQ(tracePrintf(static_cast<std::uint16_t>(id), 0x20, 1, "local.c", 1, "local one"), 0);
   ASSERT_EQ(lastSet(), id);
   ASSERT_EQ(lastIndex(), 0);
@@ -419,7 +383,7 @@ TEST_F(RemoteTest, RemoteRecordsStayOutOfTheChainOfEntries) {
 // ---- addRemoteEntry: records that are not stored --------------------------------
 
 TEST_F(RemoteTest, DebugRecordDroppedByTheSeverityFilterLeavesNoTrace) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   ASSERT_EQ(getSeverityFilter(), 0xE8);
   const Bytes before = readSharedObject(shmName());
   EXPECT_EQ(remote(id, 0x10, 1, "debug"), 0);
@@ -453,14 +417,14 @@ TEST_F(RemoteTest, ErrorClassRecordsAreStoredInTheSetsRingAtTheirPriorities) {
 }
 
 TEST_F(RemoteTest, EmptyTextStoresTheNoticeInTheRemoteSystemSetWithTheSetsName) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   const Bytes before = Bytes(slotAddress(id, 0), slotAddress(id, 1));
   EXPECT_EQ(remote(id, 0x20, 1, "", 0, "remote.c", 12), 0);
   EXPECT_EQ(Bytes(slotAddress(id, 0), slotAddress(id, 1)), before);
   EXPECT_EQ(descriptor(id).totalNumberEntries, 0u);
 
   // Prefix and notice count in the length; the slot keeps the prefix.
-  const Slot s = remoteSlot(0);
+  const SlotBytes s = remoteSlot(0);
   EXPECT_EQ(s.header, headerBytes({.line = 12, .severity = 0x08, .category = 0x80000001u, .contentsLength = 38}));
   EXPECT_EQ(s.contents, textContents("Radio: ", 128));
   expectRemoteDescriptor(1, 1, 1);
@@ -484,7 +448,7 @@ TEST_F(RemoteTest, EmptyDumpAndMissingDataStoreTheNoticeToo) {
 }
 
 TEST_F(RemoteTest, RefusalsStoreAndLogNothing) {
-  createSet("Radio");
+  createSet("Radio", TS_STRING, 4);
   const Bytes shm = readSharedObject(shmName());
   const Bytes sramBefore = sramFile();
   StderrCapture capture;
@@ -502,7 +466,7 @@ TEST_F(RemoteTest, RefusalsStoreAndLogNothing) {
 }
 
 TEST_F(RemoteTest, DisabledTracingStoresNothing) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   storeShared(&header()->traceEnabled, 0u);
   const Bytes shm = readSharedObject(shmName());
   const Bytes sramBefore = sramFile();
@@ -515,7 +479,7 @@ TEST_F(RemoteTest, DisabledTracingStoresNothing) {
 }
 
 TEST_F(RemoteTest, SlotOutsideTheMappingDropsTheRecordBeforeAnythingChanges) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   TraceSetStruct* d = userDescriptor(static_cast<unsigned>(id));
   storeShared(&d->dataOffset, g_process.size - 100);
   const Bytes shm = readSharedObject(shmName());
@@ -528,7 +492,7 @@ TEST_F(RemoteTest, SlotOutsideTheMappingDropsTheRecordBeforeAnythingChanges) {
 }
 
 TEST_F(RemoteTest, ErrnoIsTheCallersAfterEveryCall) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   errno = 1234;
   remote(id, 0x20, 1, "stored");
   EXPECT_EQ(errno, 1234);
@@ -580,7 +544,7 @@ TEST_F(RemoteTest, ThreadsStoringIntoOneSetNeverShareASlotOrASequenceNumber) {
   for (unsigned i = 0; i < kThreads * kRecords; ++i) {
     TraceEntryHeader h;
     std::memcpy(&h, slotAddress(id, i), sizeof h);
-    const Slot s = userSlot(id, i);
+    const SlotBytes s = userSlot(id, i);
     const std::string text(reinterpret_cast<const char*>(s.contents.data()));
     sequenceNumbers.insert(h.sequenceNumber);
     texts.insert(text);
@@ -598,12 +562,12 @@ TEST_F(RemoteTest, ThreadsStoringIntoOneSetNeverShareASlotOrASequenceNumber) {
 // ---- addRemoteSystemEntry: what a slot holds ------------------------------------
 
 TEST_F(RemoteTest, SystemRecordKeepsTheSetNamePrefixAndLogsTheText) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   ASSERT_EQ(id, 0);
   const Bytes before = sramFile();
   EXPECT_EQ(remoteSystem(id, 0x40, "link down"), 0);
   // The text is counted but not copied: the slot holds the prefix alone.
-  const Slot s = remoteSlot(0);
+  const SlotBytes s = remoteSlot(0);
   EXPECT_EQ(s.header, headerBytes({.line = 33, .severity = 0x40, .category = 0x22, .contentsLength = 16}));
   EXPECT_EQ(s.contents, textContents("Radio: ", 128));
   expectRemoteDescriptor(1, 1, 1);
@@ -620,7 +584,7 @@ TEST_F(RemoteTest, SystemRecordKeepsTheSetNamePrefixAndLogsTheText) {
 }
 
 TEST_F(RemoteTest, SystemRecordOfErrorSeverityCarriesNoPrefixAndNoText) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   EXPECT_EQ(remoteSystem(id, 0x80, "link down"), 0);
   EXPECT_EQ(remoteSlot(0).header, headerBytes({.line = 33, .severity = 0x80, .category = 0x22, .contentsLength = 9}));
   EXPECT_EQ(remoteSlot(0).contents, Bytes(128, 0));
@@ -670,7 +634,7 @@ TEST_F(RemoteTest, SystemRecordsAreStoredWhileTracingIsDisabledAndWhateverTheMas
 }
 
 TEST_F(RemoteTest, OriginsOtherThanUserSetsAndTheRemoteSystemSetAreStoredAsErrors) {
-  createSet("Radio");  // id 0; id 1 does not exist
+  createSet("Radio", TS_STRING, 4);  // id 0; id 1 does not exist
   EXPECT_EQ(remoteSystem(254, 0x40, "remote"), 0);
   EXPECT_EQ(remoteSlot(0).header[40], 0x40);
   EXPECT_EQ(remoteSlot(0).contents, Bytes(128, 0));
@@ -703,7 +667,7 @@ TEST_F(RemoteTest, OriginsOtherThanUserSetsAndTheRemoteSystemSetAreStoredAsError
 }
 
 TEST_F(RemoteTest, PrefixCutsTheSetNameAtTwentyCharacters) {
-  const std::int16_t id = createSet("ABCDEFGHIJKLMNOPQRSTUVWXY");  // stored with 19
+  const std::int16_t id = createSet("ABCDEFGHIJKLMNOPQRSTUVWXY", TS_STRING, 4);  // stored with 19
   EXPECT_EQ(remoteSystem(id, 0x40, "x"), 0);
   EXPECT_EQ(remoteSlot(0).contents, textContents("ABCDEFGHIJKLMNOPQRS: ", 128));
   EXPECT_EQ(remoteSlot(0).header[64], 22);
@@ -716,7 +680,7 @@ TEST_F(RemoteTest, PrefixCutsTheSetNameAtTwentyCharacters) {
 }
 
 TEST_F(RemoteTest, TheLengthIsTheTextLengthModulo256ThenCutTo128) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   EXPECT_EQ(remoteSystem(id, 0x80, longText(200).c_str()), 0);
   EXPECT_EQ(remoteSlot(0).header[64], 128);
   EXPECT_EQ(remoteSystem(id, 0x80, longText(300).c_str()), 0);
@@ -762,7 +726,7 @@ TEST_F(RemoteTest, EmptyRecordIsRejectedButConsumesASequenceNumberAndIsLogged) {
 }
 
 TEST_F(RemoteTest, TrailingNewlinesCountBecauseTheTextIsNotInTheContents) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   EXPECT_EQ(remoteSystem(id, 0x80, "abc\n"), 0);
   EXPECT_EQ(remoteSlot(0).header[64], 4);
   EXPECT_EQ(remoteSystem(id, 0x40, "\n\n"), 0);
@@ -780,8 +744,8 @@ TEST_F(RemoteTest, MissingTextIsAnEmptyText) {
 }
 
 TEST_F(RemoteTest, ARegionOfShorterEntriesGetsTheTextAfterThePrefix) {
-  const std::int16_t id = createSet("Radio");
-  TraceSetStruct d = freshDescriptor("NVJ_System", kRemoteDataOffset);
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
+  TraceSetStruct d = freshSramDescriptor("NVJ_System", kRemoteDataOffset);
   d.traceEntryContentsLength = 20;
   writeSramBytes(kRemoteDescriptorOffset, &d, sizeof d);
   const Bytes pattern208(208 * 2, 0xA5);
@@ -809,7 +773,7 @@ TEST_F(RemoteTest, ARegionOfShorterEntriesGetsTheTextAfterThePrefix) {
 }
 
 TEST_F(RemoteTest, ARegionOfLongerEntriesGetsNoContents) {
-  TraceSetStruct d = freshDescriptor("NVJ_System", kRemoteDataOffset);
+  TraceSetStruct d = freshSramDescriptor("NVJ_System", kRemoteDataOffset);
   d.traceEntryContentsLength = 200;
   writeSramBytes(kRemoteDescriptorOffset, &d, sizeof d);
   const Bytes filler(300, 0xA5);
@@ -825,7 +789,7 @@ TEST_F(RemoteTest, ARegionOfLongerEntriesGetsNoContents) {
 // ---- addRemoteSystemEntry: the ring and the chain -------------------------------
 
 TEST_F(RemoteTest, SystemRecordsContinueFromTheDescriptorInTheFileAndWrap) {
-  TraceSetStruct d = freshDescriptor("NVJ_System", kRemoteDataOffset);
+  TraceSetStruct d = freshSramDescriptor("NVJ_System", kRemoteDataOffset);
   d.writeIndex = 737;
   d.curentNumberEntries = 738;
   d.totalNumberEntries = 5000;
@@ -843,7 +807,7 @@ TEST_F(RemoteTest, SystemRecordsContinueFromTheDescriptorInTheFileAndWrap) {
 }
 
 TEST_F(RemoteTest, SystemRecordsJoinTheChainOfEntries) {
-  const std::int16_t id = createSet("Radio");
+  const std::int16_t id = createSet("Radio", TS_STRING, 4);
   EXPECT_EQ(tracePrintf(static_cast<std::uint16_t>(id), 0x20, 1, "local.c", 1, "local"), 0);
   EXPECT_EQ(remoteSystem(id, 0x40, "remote"), 0);
   EXPECT_EQ(remoteSlot(0).header, headerBytes({.line = 33, .severity = 0x40, .category = 0x22, .sequenceNumber = 1,
@@ -868,11 +832,7 @@ TEST_F(RemoteTest, MissingRegionIsReportedOncePerProcessAndLoggedAfterwards) {
   // No syslog line this time: the record goes to the error trace set.
   EXPECT_TRUE(sys::capturedSyslog().empty());
   const SramEntry report = readSramEntry(sram(), 0, 0);
-  EXPECT_EQ(report.text(), "addRemoteSystemEntry: trace set struct for NVJ_System not found");
-  EXPECT_STREQ(report.header.fileName, "traceLibLocal.c");
-  EXPECT_EQ(report.header.line, 3901);
-  EXPECT_EQ(report.header.severity, 0x80);
-  EXPECT_EQ(report.header.category, 0x80000001u);
+  expectLibraryRecord(report, 3901, "addRemoteSystemEntry: trace set struct for NVJ_System not found");
   EXPECT_EQ(report.header.contentsLength, 63);
   EXPECT_EQ(report.header.pid, static_cast<std::uint32_t>(getpid()));
   EXPECT_EQ(readSramDescriptor(sram(), 0).totalNumberEntries, 1u);
@@ -1010,7 +970,7 @@ TEST_F(RemoteTest, FailedWritesNameTheirLines) {
   } cases[] = {{1, "3996"}, {2, "4008"}, {3, "3985"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line);
-    const TraceSetStruct fresh = freshDescriptor("NVJ_System", kRemoteDataOffset);
+    const TraceSetStruct fresh = freshSramDescriptor("NVJ_System", kRemoteDataOffset);
     writeSramBytes(kRemoteDescriptorOffset, &fresh, sizeof fresh);
     const Bytes filler(208, 0xA5);
     writeSramBytes(kRemoteDataOffset, filler.data(), filler.size());
@@ -1024,7 +984,7 @@ TEST_F(RemoteTest, FailedWritesNameTheirLines) {
     // ring unadvanced.
     const TraceSetStruct after = readSramDescriptor(sram(), 1);
     EXPECT_EQ(bytesOf(&after, sizeof after), bytesOf(&fresh, sizeof fresh));
-    const Slot s = remoteSlot(0);
+    const SlotBytes s = remoteSlot(0);
     // The header is there from the second write on, the contents from the
     // third.
     EXPECT_EQ(s.header[64] == 4 && s.header[40] == 0x40, c.nth > 1);
@@ -1076,11 +1036,11 @@ TEST_F(RemoteTest, ProcessesAppendingSystemRecordsAtOnceAreSerialised) {
 // ---- isRemoteTraceSet ---------------------------------------------------------
 
 TEST_F(RemoteTest, RemoteSetsHaveNVJUnderscoreAnywhereInTheirNames) {
-  const std::int16_t mine = createSet("MyNVJ_Set");
-  const std::int16_t radio = createSet("Radio");
-  const std::int16_t prefix = createSet("NVJ_");
-  const std::int16_t lower = createSet("nvj_set");
-  const std::int16_t partial = createSet("NVJSet");
+  const std::int16_t mine = createSet("MyNVJ_Set", TS_STRING, 4);
+  const std::int16_t radio = createSet("Radio", TS_STRING, 4);
+  const std::int16_t prefix = createSet("NVJ_", TS_STRING, 4);
+  const std::int16_t lower = createSet("nvj_set", TS_STRING, 4);
+  const std::int16_t partial = createSet("NVJSet", TS_STRING, 4);
   EXPECT_EQ(isRemoteTraceSet(254), 1);
   EXPECT_EQ(isRemoteTraceSet(255), 0);
   EXPECT_EQ(isRemoteTraceSet(mine), 1);

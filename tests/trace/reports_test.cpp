@@ -32,15 +32,6 @@ class ReportsTest : public NodeTest {
     getCurrentNumberTraceSets();  // start the trace system: header and SRAM file
   }
 
-  std::string sram() const { return path("/var/log/sram"); }
-
-  static std::int16_t createSet(const char* name, std::uint32_t type, std::uint16_t maxEntries,
-                                std::uint16_t maxLength, std::uint32_t mask = 0xFFFFFFFFu) {
-    std::int16_t id = -1;
-    EXPECT_EQ(initTraceSet(name, type, maxEntries, maxLength, mask, &id), 0);
-    return id;
-  }
-
   // Runs a report and keeps what it printed on both streams.
   template <typename Report>
   auto capture(Report report) {

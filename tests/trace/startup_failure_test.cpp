@@ -31,8 +31,6 @@ class StartupFailureTest : public NodeTest {
     EXPECT_EQ(getTraceSetId("System"), 255);
     EXPECT_EQ(isValidTraceSetId(255), 1);
   }
-
-  std::string sram() const { return path("/var/log/sram"); }
 };
 
 TEST_F(StartupFailureTest, SemaphoreThatCannotBeOpenedLeavesTheProcessUnstarted) {

@@ -24,13 +24,6 @@ void StoreTest::SetUp() {
   clearPlatformCalls();
 }
 
-std::int16_t StoreTest::createSet(const char* name, std::uint32_t type, std::uint16_t maxEntries,
-                                  std::uint16_t maxLength, std::uint32_t mask) {
-  std::int16_t id = -1;
-  EXPECT_EQ(initTraceSet(name, type, maxEntries, maxLength, mask, &id), 0) << name;
-  return id;
-}
-
 void StoreTest::text(std::int16_t id, std::uint32_t severity, std::string_view text, std::int32_t line,
                      std::uint32_t category) {
   const std::string copy(text);

@@ -12,8 +12,6 @@
 
 namespace nt::test {
 
-inline constexpr std::uint32_t kAllCategories = 0xFFFFFFFFu;
-
 struct Slot {
   TraceEntryHeader header;
   Bytes contents;  // every contents byte of the slot, align32(max length)
@@ -32,8 +30,6 @@ class StoreTest : public NodeTest {
  protected:
   void SetUp() override;
 
-  static std::int16_t createSet(const char* name, std::uint32_t type, std::uint16_t maxEntries,
-                                std::uint16_t maxLength, std::uint32_t mask = kAllCategories);
   // A text entry through tracePrintf; the result must be 0.
   static void text(std::int16_t id, std::uint32_t severity, std::string_view text, std::int32_t line = 1,
                    std::uint32_t category = 1);
@@ -48,7 +44,6 @@ class StoreTest : public NodeTest {
   static TraceEntryHeader* sharedSlot(std::int16_t id, unsigned index);
   static Slot slot(std::int16_t id, unsigned index);
 
-  std::string sram() const { return path("/var/log/sram"); }
   std::string logs(std::string_view name = {}) const;
 
   // Writes set 255 (region 0) or 254 (region 1) of the SRAM file directly:

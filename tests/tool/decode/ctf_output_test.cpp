@@ -152,17 +152,10 @@ TEST(CtfOutput, OnePacketOfOneEvent) {
 
 TEST(CtfOutput, LongStreamsArePacketsAndTheClockNeverGoesBack) {
   BuiltDump dump;
-  BuiltSet set;
-  set.name = "Frames";
-  set.type = 1;
-  set.traceEntryContentsLength = 1600;
-  for (std::uint32_t i = 0; i < 100; ++i) {
-    BuiltEntry entry;
-    entry.sequenceNumber = i;
-    entry.realSeconds = i == 50 ? 100 : 1000 + i;  // the node's clock set back once
-    entry.contents.assign(1600, static_cast<std::uint8_t>(i));
+  BuiltSet set = clockSetBackOnce("Frames", 1600, 100, 1000, 50, 100);  // the node's clock set back once
+  for (BuiltEntry& entry : set.entries) {
+    entry.contents.assign(1600, static_cast<std::uint8_t>(entry.sequenceNumber));
     entry.contentsLength = 1600;
-    set.entries.push_back(entry);
   }
   dump.sets = {set};
   const std::vector<std::uint8_t> stream = ctfStream({decoded(dump, "f")}, 0);
@@ -206,16 +199,7 @@ class CtfDirectory : public ::testing::Test {
   void TearDown() override { std::filesystem::remove_all(root_); }
 
   int decodeTo(const std::string& output, std::string& err) const {
-    DecodeOptions options;
-    options.files = {root_ + "/a.bin", root_ + "/a.bin"};
-    options.format = OutputFormat::kCtf;
-    options.output = output;
-    std::ostringstream out;
-    std::ostringstream messages;
-    const int status = runDecode(options, out, messages);
-    EXPECT_EQ(out.str(), "");
-    err = messages.str();
-    return status;
+    return decodeToCtf({root_ + "/a.bin", root_ + "/a.bin"}, output, err);
   }
 
   std::vector<std::string> names(const std::string& directory) const {

@@ -138,16 +138,7 @@ class CtfReaderTest : public nt::test::StoreTest {
   // Decodes the files into the trace directory; the exit status, and the
   // messages in err.
   int decodeTrace(const std::vector<std::string>& files, std::string& err) const {
-    DecodeOptions options;
-    options.files = files;
-    options.format = OutputFormat::kCtf;
-    options.output = traceDirectory();
-    std::ostringstream out;
-    std::ostringstream messages;
-    const int status = runDecode(options, out, messages);
-    EXPECT_EQ(out.str(), "");
-    err = messages.str();
-    return status;
+    return decodeToCtf(files, traceDirectory(), err);
   }
 
   // The trace directory through the babeltrace2 command (which must read
@@ -322,21 +313,15 @@ TEST_F(CtfReaderTest, SeveralNodesMergeByTime) {
   node.sets = {radio};
   writeBytes(file("node-b.bin"), buildDump(node, TimeOrder::kNetwork));
 
-  BuiltSet backwards;
-  backwards.name = "Clock";
-  backwards.type = 1;
-  backwards.traceEntryContentsLength = 16;
-  for (std::uint32_t i = 0; i < 6; ++i) {
-    BuiltEntry entry;
-    entry.sequenceNumber = i;
-    entry.realSeconds = i == 3 ? start - 100 : start + i;  // set back once
+  BuiltSet backwards = clockSetBackOnce("Clock", 16, 6, start, 3, start - 100);  // set back once
+  for (BuiltEntry& entry : backwards.entries) {
+    const std::uint32_t i = entry.sequenceNumber;
     entry.realNanoseconds = 123456789;
     entry.monotonicSeconds = 50 + i;
     entry.monotonicNanoseconds = 987654321;
     entry.severity = static_cast<std::uint8_t>(i == 4 ? 0x03 : 0x08);  // and one unknown severity
     entry.contents = {1, 2, static_cast<std::uint8_t>(i)};
     entry.contentsLength = 3;
-    backwards.entries.push_back(entry);
   }
   node.sets = {backwards};
   writeBytes(file("node-c.bin"), buildDump(node, TimeOrder::kLittle));

@@ -1,10 +1,15 @@
 #include "tests/tool/decode/dump_builder.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
+
+#include "tool/decode/decode_run.h"
 
 namespace nodetrace_tool::decode::test {
 namespace {
@@ -93,6 +98,21 @@ Bytes buildDump(const BuiltDump& dump, TimeOrder stamps) {
   return file;
 }
 
+BuiltSet clockSetBackOnce(const std::string& name, std::uint16_t contentsSize, std::uint32_t count,
+                          std::uint32_t firstSeconds, std::uint32_t setBackAt, std::uint32_t setBackSeconds) {
+  BuiltSet set;
+  set.name = name;
+  set.type = 1;
+  set.traceEntryContentsLength = contentsSize;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    BuiltEntry entry;
+    entry.sequenceNumber = i;
+    entry.realSeconds = i == setBackAt ? setBackSeconds : firstSeconds + i;
+    set.entries.push_back(entry);
+  }
+  return set;
+}
+
 BuiltEntry textEntry(std::uint32_t sequence, const std::string& text, std::uint32_t realSeconds,
                      std::uint32_t realNanoseconds) {
   BuiltEntry entry;
@@ -105,6 +125,19 @@ BuiltEntry textEntry(std::uint32_t sequence, const std::string& text, std::uint3
   entry.monotonicSeconds = 100 + sequence;
   entry.monotonicNanoseconds = 1000 * sequence;
   return entry;
+}
+
+int decodeToCtf(const std::vector<std::string>& files, const std::string& directory, std::string& err) {
+  DecodeOptions options;
+  options.files = files;
+  options.format = OutputFormat::kCtf;
+  options.output = directory;
+  std::ostringstream out;
+  std::ostringstream messages;
+  const int status = runDecode(options, out, messages);
+  EXPECT_EQ(out.str(), "");
+  err = messages.str();
+  return status;
 }
 
 Bytes readBytes(const std::string& path) {

@@ -61,9 +61,21 @@ Bytes buildDump(const BuiltDump& dump, TimeOrder stamps);
 BuiltEntry textEntry(std::uint32_t sequence, const std::string& text, std::uint32_t realSeconds = 0,
                      std::uint32_t realNanoseconds = 0);
 
+// A set of dump entries (type 1, slots of contentsSize bytes) from a node
+// whose clock was set back once: count entries numbered from 0 and stamped a
+// second apart from firstSeconds, but entry setBackAt, stamped
+// setBackSeconds. Their contents are left to the caller.
+BuiltSet clockSetBackOnce(const std::string& name, std::uint16_t contentsSize, std::uint32_t count,
+                          std::uint32_t firstSeconds, std::uint32_t setBackAt, std::uint32_t setBackSeconds);
+
 // Big-endian field writers.
 void putBe16(Bytes& bytes, std::size_t offset, std::uint16_t value);
 void putBe32(Bytes& bytes, std::size_t offset, std::uint32_t value);
+
+// Decodes files into the CTF trace directory `directory` through the decode
+// command: its exit status, and its messages in err. It must print nothing
+// on its standard output.
+int decodeToCtf(const std::vector<std::string>& files, const std::string& directory, std::string& err);
 
 Bytes readBytes(const std::string& path);
 void writeBytes(const std::string& path, const Bytes& bytes);
