@@ -252,7 +252,7 @@ bool ResetDump::writeHeader(const TraceMemoryHeader* h) noexcept {
   }
   const dump::HeaderImage image = dump::headerImage(copy);
   if (dump::writeAll(fd_, image.data(), image.size())) return true;
-  NT_DUMP_FAILURE(kHeaderWriteLine, "(%s): Problems writing to file: %d (%s)");
+  NODETRACE_DUMP_FAILURE(kHeaderWriteLine, "(%s): Problems writing to file: %d (%s)");
   return false;
 }
 
@@ -272,7 +272,7 @@ bool ResetDump::writeDescriptors() noexcept {
     offset += static_cast<std::uint64_t>(getTraceEntrySize(copy.traceEntryContentsLength)) * total;
     const dump::DescriptorImage image = dump::descriptorImage(copy);
     if (!dump::writeAll(fd_, image.data(), image.size())) {
-      NT_DUMP_FAILURE(kDescriptorWriteLine, "(%s): Problems writing to file: %d (%s)");
+      NODETRACE_DUMP_FAILURE(kDescriptorWriteLine, "(%s): Problems writing to file: %d (%s)");
       return false;
     }
   }
@@ -285,7 +285,7 @@ bool ResetDump::writeEntriesOf(unsigned i) noexcept {
   dump::DescriptorImage stored;
   sys::lseek(fd_, dump::descriptorOffset(i), SEEK_SET);
   if (!dump::readAll(fd_, stored.data(), stored.size())) {
-    NT_DUMP_FAILURE(kReadBackLine, "(%s): Problems reading from file: %d (%s)");
+    NODETRACE_DUMP_FAILURE(kReadBackLine, "(%s): Problems reading from file: %d (%s)");
     return false;
   }
   if (dump::imageDataOffset(stored) != static_cast<std::uint32_t>(realOffset)) {
@@ -296,7 +296,7 @@ bool ResetDump::writeEntriesOf(unsigned i) noexcept {
     dump::setImageDataOffset(stored, static_cast<std::uint32_t>(realOffset));
     sys::lseek(fd_, dump::descriptorOffset(i), SEEK_SET);
     if (!dump::writeAll(fd_, stored.data(), stored.size())) {
-      NT_DUMP_FAILURE(kOffsetWriteLine, "(%s): Problems reading from file: %d (%s)");
+      NODETRACE_DUMP_FAILURE(kOffsetWriteLine, "(%s): Problems reading from file: %d (%s)");
       return false;
     }
   }
@@ -308,11 +308,11 @@ bool ResetDump::writeEntriesOf(unsigned i) noexcept {
   while (nextEntryToDump(i, streams_, &entry, contents_, descriptor) != 0) {
     const dump::EntryImage image = dump::entryImage(loadRecord(entry), dump::TimeStamps::kConverted);
     if (!dump::writeAll(fd_, image.data(), image.size())) {
-      NT_DUMP_FAILURE(kEntryHeaderWriteLine, "(%s): Problems writing to file: %d (%s)");
+      NODETRACE_DUMP_FAILURE(kEntryHeaderWriteLine, "(%s): Problems writing to file: %d (%s)");
       return false;
     }
     if (!dump::writeContents(fd_, contents_, contentsSize)) {
-      NT_DUMP_FAILURE(kContentsWriteLine, "(%s): Problems writing to file: %d (%s)");
+      NODETRACE_DUMP_FAILURE(kContentsWriteLine, "(%s): Problems writing to file: %d (%s)");
       return false;
     }
   }
@@ -359,7 +359,7 @@ int ResetDump::run() noexcept {
 
   fd_ = omluOpenFileWithMode(output, O_RDWR | O_CREAT | O_SYNC, kOutputMode, kSourceFileName, kOpenLine);
   if (fd_ < 0) {
-    NT_DUMP_FAILURE(kCreateLine, "(%s) Can't create file %s: %d (%s)", fileName_);
+    NODETRACE_DUMP_FAILURE(kCreateLine, "(%s) Can't create file %s: %d (%s)", fileName_);
     finish(savedMask);
     return TRACE_RC_FILE_ERROR;
   }

@@ -135,7 +135,7 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
     return TRACE_RC_FILE_ERROR;
   }
 
-  NT_TEST_POINT(kSramDescriptorRead);
+  NODETRACE_TEST_POINT(kSramDescriptorRead);
   // A slot outside the first region of the file (a damaged dataOffset or
   // writeIndex) is never written: nothing changes. Start-up rewrites the
   // descriptor after the next restart of the node.
@@ -145,7 +145,7 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
   // The sequence number is taken here, so a rejected empty text below still
   // consumes it.
   const std::uint32_t sequenceNumber = takeSequenceNumber(h);
-  NT_TEST_POINT(kSramSequenceTaken);
+  NODETRACE_TEST_POINT(kSramSequenceTaken);
 
   if (kContentsLength <= prefixLength) {
     std::fprintf(stderr, "%s (%s,%u): negative  : traceEntryContentsLength:%d stroffset:%d\n",

@@ -265,7 +265,7 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
   TraceMemoryHeader* h = header();
   if (h == nullptr) return {result, false};
 
-  NT_TEST_POINT(kSramDescriptorRead);
+  NODETRACE_TEST_POINT(kSramDescriptorRead);
   const std::uint16_t maxLength = descriptor.traceEntryContentsLength;
   // A slot outside the second region of the file (a damaged dataOffset or
   // writeIndex) is never written: nothing changes, the record reaches
@@ -274,7 +274,7 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
   if (!planSramAppend(REMOTE_SYSTEM_TRACE_SET_ID, descriptor, &append)) return {TRACE_RC_FILE_ERROR, false};
   // Taken here, so a rejected empty text below still consumes it.
   const std::uint32_t sequenceNumber = takeSequenceNumber(h);
-  NT_TEST_POINT(kSramSequenceTaken);
+  NODETRACE_TEST_POINT(kSramSequenceTaken);
 
   // The text itself goes into the contents only for a set whose entries are
   // shorter than 128 bytes. The region is created with 128, so there the

@@ -111,13 +111,13 @@ void startTraceSystem() noexcept {
   StartupLock lock = StartupLock::kNotTaken;
   for (;;) {
     lock = waitForStartUp(g_process.semaphore, nodeNames().semaphore, me);
-    if (lock == StartupLock::kTaken) NT_TEST_POINT(kStartupSemaphoreTaken);
+    if (lock == StartupLock::kTaken) NODETRACE_TEST_POINT(kStartupSemaphoreTaken);
     // Another thread of the process may have completed start-up meanwhile,
     // or mapped the object before it had to wait again.
     started = g_process.initialised.load(std::memory_order_relaxed) != 0;
     if (!started && header() == nullptr) {
       rc = initSharedMemory();
-      NT_TEST_POINT(kStartupObjectMapped);
+      NODETRACE_TEST_POINT(kStartupObjectMapped);
     }
     // The token obtained stands for the hold only once this thread is
     // recorded; a waiter that saw nobody recorded for a whole deadline may
@@ -125,7 +125,7 @@ void startTraceSystem() noexcept {
     if (lock != StartupLock::kTaken || header() == nullptr || takeHold(header(), me)) break;
   }
   const bool locked = lock != StartupLock::kNotTaken;
-  NT_TEST_POINT(kStartupHolderRecorded);
+  NODETRACE_TEST_POINT(kStartupHolderRecorded);
 
   // Under the lock a header without a version is one that nobody
   // initialised: this process created the object, or its creator died
@@ -135,10 +135,10 @@ void startTraceSystem() noexcept {
   if (!started) {
     if (rc == 1) {
       initialiseHeader(header());
-      NT_TEST_POINT(kStartupHeaderWritten);
-      rc = createSramFile(0);
+      NODETRACE_TEST_POINT(kStartupHeaderWritten);
+      rc = createSramFile(false);
       if (rc == 0) readSeverityMaskFile(header());
-      NT_TEST_POINT(kStartupSramWritten);
+      NODETRACE_TEST_POINT(kStartupSramWritten);
     }
     g_process.initialised.store(1, std::memory_order_release);
   }
