@@ -25,6 +25,9 @@
 namespace nt {
 namespace {
 
+constexpr unsigned kSystemNameLine = 961;
+constexpr unsigned kDigitNameLine = 973;
+
 // Records a refused name in the error trace set; text is already formatted.
 void recordRefusedName(const char* text, unsigned line) noexcept {
   addErrorTrace(TS_STRING, TRACE_CATEGORY_LIBRARY, kSourceFileName, line, text, SYSTEM_TRACE_SET_ID,
@@ -106,12 +109,12 @@ extern "C" NODETRACE_API int initTraceSet(const char* name, uint32_t type, uint1
   if (nt::sameTraceSetName(name, "System") || nt::sameTraceSetName(name, "NVJ_System")) {
     std::snprintf(text, sizeof text, "%s: Attempting to create trace set with system trace set name",
                   "initTraceSet");
-    nt::recordRefusedName(text, 961);
+    nt::recordRefusedName(text, nt::kSystemNameLine);
     return TRACE_RC_BAD_ARGUMENT;
   }
   if (std::isdigit(static_cast<unsigned char>(name[0])) != 0) {
     std::snprintf(text, sizeof text, "%s: Trace set name must not start with a digit", "initTraceSet");
-    nt::recordRefusedName(text, 973);
+    nt::recordRefusedName(text, nt::kDigitNameLine);
     return TRACE_RC_BAD_ARGUMENT;
   }
 

@@ -40,6 +40,17 @@ constexpr mode_t kShmMode = 0664;
 constexpr mode_t kSemaphoreMode = 0664;
 constexpr mode_t kSramCreateMode = 0666;
 constexpr mode_t kSramMode = 0664;
+constexpr unsigned kSemaphoreOpenLine = 511;
+constexpr unsigned kShmCreateLine = 201;
+constexpr unsigned kShmOpenLine = 212;
+constexpr unsigned kShmResizeLine = 224;
+constexpr unsigned kShmMapLine = 239;
+constexpr unsigned kSramCreateLine = 299;
+constexpr unsigned kSramSeekLine = 313;
+constexpr unsigned kVersionWriteLine = 345;
+constexpr unsigned kSystemDescriptorWriteLine = 352;
+constexpr unsigned kRemoteDescriptorWriteLine = 367;
+constexpr unsigned kSramChmodLine = 382;
 
 // The version goes last: a header with a version is complete, one without
 // was left by a creator that died, and the next process to hold the lock
@@ -91,7 +102,7 @@ void startTraceSystem() noexcept {
     if (semaphore == SEM_FAILED) {
       const int error = errno;
       std::fprintf(stderr, "%s (%s,%u): Opening internal semaphore failed (%s)!\n",
-                   kSourceFileName, "initTraceSystem", 511u, std::strerror(error));
+                   kSourceFileName, "initTraceSystem", kSemaphoreOpenLine, std::strerror(error));
       rc = -1;
     } else {
       g_process.semaphore = semaphore;
@@ -156,7 +167,7 @@ int initSharedMemory() noexcept {
   if (fd == -1) {
     if (errno != ENOENT) {
       std::fprintf(stderr, "%s (%s,%u): Opening shmem failed (%s)!\n", kSourceFileName,
-                   "initSharedMemory", 212u, std::strerror(errno));
+                   "initSharedMemory", kShmOpenLine, std::strerror(errno));
       rc = -1;
     } else {
       // No O_EXCL: the caller holds the semaphore, so no other process can be
@@ -164,7 +175,7 @@ int initSharedMemory() noexcept {
       fd = sys::shmOpen(name, O_RDWR | O_CREAT, kShmMode);
       if (fd == -1) {
         std::fprintf(stderr, "%s (%s,%u): Creating shmem %s failed (%s)!\n", kSourceFileName,
-                     "initSharedMemory", 201u, name, std::strerror(errno));
+                     "initSharedMemory", kShmCreateLine, name, std::strerror(errno));
         rc = -1;
       } else {
         rc = 1;
@@ -177,7 +188,7 @@ int initSharedMemory() noexcept {
   // grows an object left short by an older build.
   if (rc != -1 && sys::ftruncate(fd, static_cast<off_t>(g_process.size)) == -1) {
     std::fprintf(stderr, "%s (%s,%u): FD resizing failed (%s)!\n", kSourceFileName,
-                 "initSharedMemory", 224u, std::strerror(errno));
+                 "initSharedMemory", kShmResizeLine, std::strerror(errno));
     rc = -1;
   }
 
@@ -185,7 +196,7 @@ int initSharedMemory() noexcept {
     void* base = sys::mmap(g_process.size, fd);
     if (base == MAP_FAILED) {
       std::fprintf(stderr, "%s (%s,%u): Mapping shmem failed(%s)!\n", kSourceFileName,
-                   "initSharedMemory", 239u, std::strerror(errno));
+                   "initSharedMemory", kShmMapLine, std::strerror(errno));
       g_process.base = nullptr;
       rc = -1;
     } else {
@@ -213,14 +224,14 @@ int createSramFile(int recreating) noexcept {
 
   if (!fd.valid()) {
     std::fprintf(stderr, "%s (%s,%u): Error while creating error trace file (%s)!\n",
-                 kSourceFileName, "createSramFile", 299u, std::strerror(errno));
-    if (recreating != 1) releaseSharedMemory(-1);
+                 kSourceFileName, "createSramFile", kSramCreateLine, std::strerror(errno));
+    if (!recreating) releaseSharedMemory(-1);
     return -1;
   }
 
   if (sys::lseek(fd.get(), 0, SEEK_SET) == -1) {
     std::fprintf(stderr, "%s (%s,%u): Error while seek (%s)\n", kSourceFileName, "createSramFile",
-                 313u, std::strerror(errno));
+                 kSramSeekLine, std::strerror(errno));
     rc = -1;
   }
 
@@ -244,12 +255,12 @@ int createSramFile(int recreating) noexcept {
     // set, the descriptor write the system trace set.
     if (sys::write(fd.get(), kVersion, sizeof kVersion) != sizeof kVersion) {
       std::fprintf(stderr, "%s (%s,%u): Error writing error trace set parameters (%s)!\n",
-                   kSourceFileName, "createSramFile", 345u, std::strerror(errno));
+                   kSourceFileName, "createSramFile", kVersionWriteLine, std::strerror(errno));
       rc = -1;
     }
     if (sys::write(fd.get(), &descriptor, sizeof descriptor) != sizeof descriptor) {
       std::fprintf(stderr, "%s (%s,%u): Error writing system trace set parameters (%s)!\n",
-                   kSourceFileName, "createSramFile", 352u, std::strerror(errno));
+                   kSourceFileName, "createSramFile", kSystemDescriptorWriteLine, std::strerror(errno));
       rc = -1;
     }
     if (needsRemoteTraceSupport() == 1 && rc == 0) {
@@ -258,7 +269,7 @@ int createSramFile(int recreating) noexcept {
       sys::lseek(fd.get(), TRACE_SRAM_REMOTE_DESCRIPTOR_OFFSET, SEEK_SET);
       if (sys::write(fd.get(), &descriptor, sizeof descriptor) != sizeof descriptor) {
         std::fprintf(stderr, "%s (%s,%u): Error writing octeon trace set parameters (%s)!\n",
-                     kSourceFileName, "createSramFile", 367u, std::strerror(errno));
+                     kSourceFileName, "createSramFile", kRemoteDescriptorWriteLine, std::strerror(errno));
         rc = -1;
       }
     }
@@ -266,7 +277,7 @@ int createSramFile(int recreating) noexcept {
 
   fd.reset();
   if (sys::chmod(path, kSramMode) == -1) {
-    std::fprintf(stderr, "(%s,%u): Error changing file permission! (%s)\n", "createSramFile", 382u,
+    std::fprintf(stderr, "(%s,%u): Error changing file permission! (%s)\n", "createSramFile", kSramChmodLine,
                  std::strerror(errno));
   }
   char command[256];
