@@ -41,7 +41,7 @@ int attachTraceSet(std::int16_t id, const char* name, std::uint32_t type, std::u
   if (loadShared(&descriptor->type) != type) return TRACE_RC_TYPE_MISMATCH;
   // A mask from the file is the node's choice: the opener does not widen it.
   std::uint32_t fileMask = 0xFFFFFFFFu;
-  if (lookupTraceMask(name, &fileMask) == 0) {
+  if (!lookupTraceMask(name, &fileMask)) {
     storeShared(&descriptor->categoryMask, loadShared(&descriptor->categoryMask) | categoryMask);
   }
   if (maxEntries > loadShared(&descriptor->maxNumberEntries) ||
@@ -85,7 +85,7 @@ int createTraceSet(std::int16_t* id, const char* name, std::uint32_t type, std::
   std::strncpy(descriptor->name, name, TRACE_SET_NAME_LENGTH - 1);
   storeShared(&descriptor->type, type);
   std::uint32_t fileMask = 0;
-  storeShared(&descriptor->categoryMask, lookupTraceMask(name, &fileMask) == 1 ? fileMask : categoryMask);
+  storeShared(&descriptor->categoryMask, lookupTraceMask(name, &fileMask) ? fileMask : categoryMask);
   storeShared(&descriptor->maxNumberEntries, maxEntries);
   storeShared(&descriptor->traceEntryContentsLength, std::min(maxContentsLength, limit));
   storeShared(&descriptor->creatorPid, static_cast<std::uint32_t>(getpid()));

@@ -206,7 +206,7 @@ int nextEntryToDump(unsigned i, Streams& streams, TraceEntryHeader** entry, std:
 
 class ResetDump {
  public:
-  ResetDump(const char* fileName, std::uint32_t viaTempFile) noexcept
+  ResetDump(const char* fileName, bool viaTempFile) noexcept
       : fileName_(fileName), viaTempFile_(viaTempFile) {}
 
   int run() noexcept;
@@ -220,7 +220,7 @@ class ResetDump {
   void finish(std::uint8_t savedMask) noexcept;
 
   const char* fileName_;
-  std::uint32_t viaTempFile_;
+  bool viaTempFile_;
   int fd_ = -1;
   Streams streams_;
   // Each entry clears only its set's maximum length before its contents are
@@ -329,7 +329,7 @@ bool ResetDump::writeEntries() noexcept {
 // The common end of every path: the copy of a dump made via the temporary
 // file (partial ones too), or the severity filter put back.
 void ResetDump::finish(std::uint8_t savedMask) noexcept {
-  if (viaTempFile_ != 0) {
+  if (viaTempFile_) {
     const char* temporary = nodeNames().tmpTraceDump;
     char command[kCommandSize];
     // A longer command is cut to the buffer, as on the node.
@@ -350,7 +350,7 @@ int ResetDump::run() noexcept {
 
   char outputName[kOutputNameSize] = {};
   const char* output = nodeNames().tmpTraceDump;
-  if (viaTempFile_ == 0) {
+  if (!viaTempFile_) {
     storeShared(&h->severityMask, kDumpSeverityMask);
     removeFilesOfReusedSlot();
     std::snprintf(outputName, sizeof outputName, "%s", fileName_);
@@ -380,6 +380,6 @@ int ResetDump::run() noexcept {
 extern "C" NODETRACE_API int32_t dumpTracesBeforeReset(const char* fileName, uint32_t viaTempFile) {
   nt::initTraceSystem();
   if (fileName == nullptr) return TRACE_RC_FILE_ERROR;
-  nt::ResetDump dump(fileName, viaTempFile);
+  nt::ResetDump dump(fileName, viaTempFile != 0);
   return dump.run();
 }

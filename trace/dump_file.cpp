@@ -74,8 +74,8 @@ struct Position {
 
 class TraceDump {
  public:
-  TraceDump(std::uint32_t withSramSets, std::uint32_t debugMode) noexcept
-      : withSramSets_(withSramSets == 1), debugMode_(debugMode), temporary_(nodeNames().traceDumpTmp) {}
+  TraceDump(bool withSramSets, std::uint32_t debugMode) noexcept
+      : withSramSets_(withSramSets), debugMode_(debugMode), temporary_(nodeNames().traceDumpTmp) {}
 
   int run(const char* fileName) noexcept;
 
@@ -346,6 +346,6 @@ extern "C" NODETRACE_API int32_t dumpTracesToFile(const char* fileName, uint32_t
                                                   uint32_t debugMode) {
   nt::initTraceSystem();
   if (fileName == nullptr) return TRACE_RC_FILE_ERROR;
-  nt::TraceDump dump(withSramSets, debugMode);
+  nt::TraceDump dump(withSramSets == 1, debugMode);
   return dump.run(fileName);
 }

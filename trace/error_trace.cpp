@@ -141,7 +141,7 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
                  kSourceFileName, "addErrorTrace", kUnexpectedDescriptorLine, descriptor.traceEntryContentsLength,
                  static_cast<int>(prefixLength));
     unlink(path);
-    createSramFile(1);
+    createSramFile(true);
     return TRACE_RC_FILE_ERROR;
   }
 

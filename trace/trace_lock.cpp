@@ -232,8 +232,8 @@ StartupLock waitForStartUp(sem_t* semaphore, const char* semaphoreName, HolderId
   }
 }
 
-void traceUnlock(int locked, sem_t* semaphore, const sigset_t* savedMask) noexcept {
-  if (locked != 0 && semaphore != nullptr) {
+void traceUnlock(bool locked, sem_t* semaphore, const sigset_t* savedMask) noexcept {
+  if (locked && semaphore != nullptr) {
     if (TraceMemoryHeader* h = header(); h != nullptr) clearHolder(h);
     NODETRACE_TEST_POINT(kUnlockHolderCleared);
     sem_post(semaphore);
@@ -242,7 +242,7 @@ void traceUnlock(int locked, sem_t* semaphore, const sigset_t* savedMask) noexce
 }
 
 TraceLockGuard::TraceLockGuard() noexcept
-    : locked_(traceLock(g_process.semaphore, nodeNames().semaphore, &savedMask_) != -1 ? 1 : 0) {}
+    : locked_(traceLock(g_process.semaphore, nodeNames().semaphore, &savedMask_) != -1) {}
 
 TraceLockGuard::~TraceLockGuard() { traceUnlock(locked_, g_process.semaphore, &savedMask_); }
 

@@ -125,7 +125,7 @@ void startTraceSystem() noexcept {
     if (lock == StartupLock::kTaken) NODETRACE_TEST_POINT(kStartupSemaphoreTaken);
     // Another thread of the process may have completed start-up meanwhile,
     // or mapped the object before it had to wait again.
-    started = g_process.initialised.load(std::memory_order_relaxed) != 0;
+    started = g_process.initialised.load(std::memory_order_relaxed);
     if (!started && header() == nullptr) {
       rc = initSharedMemory();
       NODETRACE_TEST_POINT(kStartupObjectMapped);
@@ -151,10 +151,10 @@ void startTraceSystem() noexcept {
       if (rc == 0) readSeverityMaskFile(header());
       NODETRACE_TEST_POINT(kStartupSramWritten);
     }
-    g_process.initialised.store(1, std::memory_order_release);
+    g_process.initialised.store(true, std::memory_order_release);
   }
 
-  traceUnlock(locked ? 1 : 0, g_process.semaphore, &previousMask);
+  traceUnlock(locked, g_process.semaphore, &previousMask);
 }
 
 int initSharedMemory() noexcept {
@@ -214,7 +214,7 @@ int initSharedMemory() noexcept {
   return rc;
 }
 
-int createSramFile(int recreating) noexcept {
+int createSramFile(bool recreating) noexcept {
   int rc = 0;
   const char* path = nodeNames().sram;
 
@@ -315,7 +315,7 @@ void resetProcessStateForTests() noexcept {
   g_process.reservedOffset = 0;
   g_process.descriptorOffset = 0;
   g_process.entryAreaOffset = 0;
-  g_process.initialised.store(0, std::memory_order_release);
+  g_process.initialised.store(false, std::memory_order_release);
   sys::clearFailures();
 }
 
