@@ -1,31 +1,56 @@
 #include "common/node_names.h"
 
 #include <cstdio>
-
-// Each node name once; the compiled-in table and the relocation derive from
-// these.
-#define NT_SHM_NAME "/shmem_Trace"
-#define NT_SEMAPHORE_NAME "traceMutex"
-#define NT_SRAM_PATH "/var/log/sram"
-#define NT_LOGS_DIR "/ffs/run/logs"
-#define NT_SEVERITY_MASK_CONF NT_LOGS_DIR "/severityMask.conf"
-#define NT_TRACE_MASKS_CONF NT_LOGS_DIR "/trace_masks.conf"
-#define NT_TRACE_DUMP_TMP "/tmp/traceDump.tmp"
-#define NT_TMP_TRACE_DUMP "/tmp/tmpTraceDump.bin"
-#define NT_OLD_TRACE "/tmp/oldTrace"
-#define NT_HBK_LOG "/opt/qmb/etc/hbk_log.txt"
-#define NT_HBK_LOG_TMP "/opt/qmb/etc/hbk_log.txt_tmp"
+#include <initializer_list>
 
 namespace nt {
 namespace {
 
-#define NT_P NODETRACE_PATH_PREFIX
-constexpr NodeNames kCompiledNames = {
-    NT_SHM_NAME NODETRACE_IPC_SUFFIX, NT_SEMAPHORE_NAME NODETRACE_IPC_SUFFIX, NT_P,
-    NT_P NT_SRAM_PATH,  NT_P NT_LOGS_DIR,           NT_P NT_SEVERITY_MASK_CONF,
-    NT_P NT_TRACE_MASKS_CONF, NT_P NT_TRACE_DUMP_TMP, NT_P NT_TMP_TRACE_DUMP,
-    NT_P NT_OLD_TRACE,  NT_P NT_HBK_LOG,            NT_P NT_HBK_LOG_TMP};
-#undef NT_P
+// Each node name once; the compiled-in table and the relocation derive from
+// these.
+constexpr char kShmName[] = "/shmem_Trace";
+constexpr char kSemaphoreName[] = "traceMutex";
+constexpr char kSramPath[] = "/var/log/sram";
+constexpr char kLogsDir[] = "/ffs/run/logs";
+constexpr char kSeverityMaskConf[] = "/severityMask.conf";  // in kLogsDir
+constexpr char kTraceMasksConf[] = "/trace_masks.conf";     // in kLogsDir
+constexpr char kTraceDumpTmp[] = "/tmp/traceDump.tmp";
+constexpr char kTmpTraceDump[] = "/tmp/tmpTraceDump.bin";
+constexpr char kOldTrace[] = "/tmp/oldTrace";
+constexpr char kHbkLog[] = "/opt/qmb/etc/hbk_log.txt";
+constexpr char kHbkLogTmp[] = "/opt/qmb/etc/hbk_log.txt_tmp";
+
+// first, second and third one after the other. Evaluated at compile time
+// only: a name too long for its buffer writes out of bounds there and so
+// fails the build.
+constexpr void join(char (&out)[kMaxNodeName], const char* first, const char* second,
+                    const char* third = "") noexcept {
+  std::size_t n = 0;
+  for (const char* part : {first, second, third}) {
+    for (const char* p = part; *p != '\0'; ++p) out[n++] = *p;
+  }
+  out[n] = '\0';
+}
+
+constexpr NodeNames compiledNames() noexcept {
+  constexpr const char* prefix = NODETRACE_PATH_PREFIX;
+  NodeNames names{};
+  join(names.shm, kShmName, NODETRACE_IPC_SUFFIX);
+  join(names.semaphore, kSemaphoreName, NODETRACE_IPC_SUFFIX);
+  join(names.root, prefix, "");
+  join(names.sram, prefix, kSramPath);
+  join(names.logsDir, prefix, kLogsDir);
+  join(names.severityMaskConf, prefix, kLogsDir, kSeverityMaskConf);
+  join(names.traceMasksConf, prefix, kLogsDir, kTraceMasksConf);
+  join(names.traceDumpTmp, prefix, kTraceDumpTmp);
+  join(names.tmpTraceDump, prefix, kTmpTraceDump);
+  join(names.oldTrace, prefix, kOldTrace);
+  join(names.hbkLog, prefix, kHbkLog);
+  join(names.hbkLogTmp, prefix, kHbkLogTmp);
+  return names;
+}
+
+constexpr NodeNames kCompiledNames = compiledNames();
 
 }  // namespace
 
@@ -35,8 +60,8 @@ constinit NodeNames g_names = kCompiledNames;
 
 namespace {
 
-bool compose(char (&out)[kMaxNodeName], const char* first, const char* second) noexcept {
-  const int n = std::snprintf(out, sizeof out, "%s%s", first, second);
+bool compose(char (&out)[kMaxNodeName], const char* first, const char* second, const char* third = "") noexcept {
+  const int n = std::snprintf(out, sizeof out, "%s%s%s", first, second, third);
   return n >= 0 && static_cast<std::size_t>(n) < sizeof out;
 }
 
@@ -46,17 +71,17 @@ const NodeNames& nodeNames() noexcept { return g_names; }
 
 bool relocateNodeNames(const char* root, const char* ipcSuffix) noexcept {
   NodeNames names{};
-  const bool fits = compose(names.shm, NT_SHM_NAME, ipcSuffix) &&
-                    compose(names.semaphore, NT_SEMAPHORE_NAME, ipcSuffix) &&
-                    compose(names.root, root, "") && compose(names.sram, root, NT_SRAM_PATH) &&
-                    compose(names.logsDir, root, NT_LOGS_DIR) &&
-                    compose(names.severityMaskConf, root, NT_SEVERITY_MASK_CONF) &&
-                    compose(names.traceMasksConf, root, NT_TRACE_MASKS_CONF) &&
-                    compose(names.traceDumpTmp, root, NT_TRACE_DUMP_TMP) &&
-                    compose(names.tmpTraceDump, root, NT_TMP_TRACE_DUMP) &&
-                    compose(names.oldTrace, root, NT_OLD_TRACE) &&
-                    compose(names.hbkLog, root, NT_HBK_LOG) &&
-                    compose(names.hbkLogTmp, root, NT_HBK_LOG_TMP);
+  const bool fits = compose(names.shm, kShmName, ipcSuffix) &&
+                    compose(names.semaphore, kSemaphoreName, ipcSuffix) &&
+                    compose(names.root, root, "") && compose(names.sram, root, kSramPath) &&
+                    compose(names.logsDir, root, kLogsDir) &&
+                    compose(names.severityMaskConf, root, kLogsDir, kSeverityMaskConf) &&
+                    compose(names.traceMasksConf, root, kLogsDir, kTraceMasksConf) &&
+                    compose(names.traceDumpTmp, root, kTraceDumpTmp) &&
+                    compose(names.tmpTraceDump, root, kTmpTraceDump) &&
+                    compose(names.oldTrace, root, kOldTrace) &&
+                    compose(names.hbkLog, root, kHbkLog) &&
+                    compose(names.hbkLogTmp, root, kHbkLogTmp);
   if (!fits) return false;
   g_names = names;
   return true;

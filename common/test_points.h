@@ -4,7 +4,7 @@
 //
 // Only the test build of the library objects (tests/CMakeLists.txt compiles
 // them a second time with NODETRACE_TEST_POINTS) has them. In the shipped
-// library NT_TEST_POINT expands to nothing and the lock deadline is the
+// library NODETRACE_TEST_POINT expands to nothing and the lock deadline is the
 // constant 5 seconds, so neither costs an instruction there.
 #pragma once
 
@@ -58,13 +58,13 @@ void passTestPoint(TestPoint point) noexcept;
 void setLockDeadlineMillisecondsForTests(long milliseconds) noexcept;
 long lockDeadlineMilliseconds() noexcept;
 
-#define NT_TEST_POINT(point) ::nt::passTestPoint(::nt::TestPoint::point)
+#define NODETRACE_TEST_POINT(point) ::nt::passTestPoint(::nt::TestPoint::point)
 
 #else
 
 constexpr long lockDeadlineMilliseconds() noexcept { return 5000; }
 
-#define NT_TEST_POINT(point) static_cast<void>(0)
+#define NODETRACE_TEST_POINT(point) static_cast<void>(0)
 
 #endif
 

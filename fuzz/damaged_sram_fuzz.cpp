@@ -113,7 +113,7 @@ void exerciseSramSet(std::uint16_t id, std::uint8_t* contents) {
                                    0xFFFF};
   for (const std::uint16_t index : indexes) {
     readAndPrint(static_cast<std::int16_t>(id), &descriptor, index, contents);
-    std::int32_t firstStep = 1;
+    bool firstStep = true;
     nt::findPrevMatchingEntry(&descriptor, index, 0xFF, kAllCategories, &firstStep, 1);
     std::uint16_t next = index;
     findNextMatch(&descriptor, 1, &next, 0xFF, kAllCategories);

@@ -92,9 +92,9 @@ void exerciseSet(std::int16_t id, std::uint8_t* contents) {
     // A walk may read every slot of a ring of up to 65535 slots: three
     // starting points cover the cases and keep the pace up.
     if (index != 0 && index != snapshot.writeIndex && index != 0xFFFF) continue;
-    std::int32_t firstStep = 1;
+    bool firstStep = true;
     nt::findPrevMatchingEntry(descriptor, index, 0xFF, kAllCategories, &firstStep, fromFile ? 1 : 0);
-    firstStep = 0;
+    firstStep = false;
     nt::findPrevMatchingEntry(descriptor, index, TRACE_SEVERITY_INF, 0x5, &firstStep, fromFile ? 1 : 0);
     std::uint16_t next = index;
     findNextMatch(descriptor, fromFile ? 1 : 0, &next, 0xFF, kAllCategories);

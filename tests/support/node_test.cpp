@@ -163,7 +163,7 @@ SramEntry readSramEntry(const std::string& sramPath, int region, unsigned slot) 
 
 TraceSetStruct freshSramDescriptor(const char* name, std::uint32_t dataOffset) {
   TraceSetStruct d{};
-  std::strncpy(d.name, name, sizeof d.name);
+  std::memcpy(d.name, name, strnlen(name, sizeof d.name));  // zero-padded by d{}
   d.type = TS_STRING;
   d.categoryMask = 0xFFFFFFFFu;
   d.maxNumberEntries = 738;

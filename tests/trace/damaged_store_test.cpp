@@ -161,7 +161,7 @@ TEST_F(DamagedStoreTest, SearchesFindNothingInAnUnreachableRing) {
   const std::int16_t id = filledSet("Radio", 3);
   storeShared(&sharedDescriptor(id)->dataOffset, kOverTheTable);
   const TraceSetStruct before = errorSet();
-  std::int32_t firstStep = 1;
+  bool firstStep = true;
   EXPECT_EQ(findPrevMatchingEntry(sharedDescriptor(id), 2, kEverySeverity, kAllCategories, &firstStep, 0), kNoSlot);
   std::uint16_t index = 0;
   findNextMatch(sharedDescriptor(id), 0, &index, kEverySeverity, kAllCategories);
@@ -236,7 +236,7 @@ TEST_F(DamagedStoreTest, ACapacityDamagedToZeroNeverDividesAndNeverLeavesSlotZer
   EXPECT_TRUE(platformCalls().empty());
 
   EXPECT_EQ(read(id, 0), nullptr);
-  std::int32_t firstStep = 1;
+  bool firstStep = true;
   EXPECT_EQ(findPrevMatchingEntry(sharedDescriptor(id), 0, kEverySeverity, kAllCategories, &firstStep, 0), kNoSlot);
   std::uint16_t index = 2;
   findNextMatch(sharedDescriptor(id), 0, &index, kEverySeverity, kAllCategories);
@@ -507,10 +507,10 @@ TEST_F(DamagedStoreTest, BackwardWalksOfAFullRingWithAWriteIndexBeyondItEnd) {
   storeShared(&sharedDescriptor(id)->writeIndex, 9);
   const TraceSetStruct before = errorSet();
   for (std::uint16_t start = 0; start < 4; ++start) {
-    std::int32_t firstStep = 1;
+    bool firstStep = true;
     // Nothing matches: the walk ends after one round.
     EXPECT_EQ(findPrevMatchingEntry(sharedDescriptor(id), start, kEverySeverity, 0x100, &firstStep, 0), kNoSlot);
-    firstStep = 1;
+    firstStep = true;
     EXPECT_EQ(findPrevMatchingEntry(sharedDescriptor(id), start, kEverySeverity, kAllCategories, &firstStep, 0),
               start);
   }

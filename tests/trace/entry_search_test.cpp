@@ -37,8 +37,8 @@ class SearchTest : public StoreTest {
   }
 
   static std::uint32_t walk(std::int16_t id, std::uint16_t from, std::uint32_t categoryMask,
-                            std::int32_t* firstStep = nullptr) {
-    std::int32_t ownFirstStep = 1;
+                            bool* firstStep = nullptr) {
+    bool ownFirstStep = true;
     return findPrevMatchingEntry(sharedDescriptor(id), from, kEverySeverity, categoryMask,
                                  firstStep != nullptr ? firstStep : &ownFirstStep, 0);
   }
@@ -57,9 +57,9 @@ TEST_F(SearchTest, BackwardWalkOfAWrappedRingVisitsEverySlotFromTheNewestToTheOl
   EXPECT_EQ(walk(id, 1, (1u << 3) | (1u << 2)), 3u);
   EXPECT_EQ(walk(id, 1, (1u << 2) | (1u << 1)), 1u);
   // After slot 2 the walk would come back to slot 1: it stops there.
-  std::int32_t firstStep = 1;
+  bool firstStep = true;
   EXPECT_EQ(walk(id, 1, 1u << 8, &firstStep), kNoSlot);
-  EXPECT_EQ(firstStep, 0);
+  EXPECT_FALSE(firstStep);
 }
 
 TEST_F(SearchTest, BackwardWalkOfARingThatNeverWrappedStopsAfterSlot0) {
@@ -76,18 +76,18 @@ TEST_F(SearchTest, BackwardWalkOfARingThatNeverWrappedStopsAfterSlot0) {
 
 TEST_F(SearchTest, FirstMatchIsTheStartSlotItselfAndLeavesFirstStepAsItWas) {
   const std::int16_t id = ringOfFour(6);
-  std::int32_t firstStep = 1;
+  bool firstStep = true;
   EXPECT_EQ(walk(id, 1, 1u << 1, &firstStep), 1u);
-  EXPECT_EQ(firstStep, 1);
+  EXPECT_TRUE(firstStep);
 }
 
 TEST_F(SearchTest, WithFirstStepClearedTheWalkEndsAtTheStopSlot) {
   // A full ring whose newest slot (the stop slot) matches: with firstStep
-  // 0 the walk must not take it, with 1 it does.
+  // false the walk must not take it, with true it does.
   const std::int16_t id = ringOfFour(6);
-  std::int32_t firstStep = 0;
+  bool firstStep = false;
   EXPECT_EQ(walk(id, 1, 1u << 1, &firstStep), kNoSlot);
-  firstStep = 1;
+  firstStep = true;
   EXPECT_EQ(walk(id, 1, 1u << 1, &firstStep), 1u);
 }
 
@@ -103,20 +103,20 @@ TEST_F(SearchTest, TooLargeIndexIsRecordedOnceAndFindsNothing) {
 TEST_F(SearchTest, TheLastSlotOfARingThatNeverWrappedIsNoComplaintAndNoMatch) {
   const std::int16_t id = ringOfFour(2);
   const TraceSetStruct before = errorSet();
-  std::int32_t firstStep = 1;
+  bool firstStep = true;
   EXPECT_EQ(walk(id, 3, kAllCategories, &firstStep), kNoSlot);
-  EXPECT_EQ(firstStep, 0);
+  EXPECT_FALSE(firstStep);
   EXPECT_TRUE(errorEntriesSince(before).empty());
 }
 
 TEST_F(SearchTest, SeverityAndCategoryMustBothMatch) {
   const std::int16_t id = createSet("Both", TS_STRING, 4, 16);
   text(id, TRACE_SEVERITY_INF, "inf", 1, 0x6);
-  std::int32_t firstStep = 1;
+  bool firstStep = true;
   EXPECT_EQ(findPrevMatchingEntry(sharedDescriptor(id), 0, TRACE_SEVERITY_DBG, 0x6, &firstStep, 0), kNoSlot);
-  firstStep = 1;
+  firstStep = true;
   EXPECT_EQ(findPrevMatchingEntry(sharedDescriptor(id), 0, TRACE_SEVERITY_INF, 0x1, &firstStep, 0), kNoSlot);
-  firstStep = 1;
+  firstStep = true;
   EXPECT_EQ(findPrevMatchingEntry(sharedDescriptor(id), 0, TRACE_SEVERITY_INF | TRACE_SEVERITY_DBG, 0x4,
                                   &firstStep, 0),
             0u);
@@ -171,7 +171,7 @@ TEST_F(SearchTest, AResultBeyondTheEntriesCountedAtTheEndOfTheWalkIsRecorded) {
   ASSERT_EQ(mprotect(page, g_pageSize, PROT_NONE), 0);
 
   const TraceSetStruct before = errorSet();
-  std::int32_t firstStep = 1;
+  bool firstStep = true;
   const std::uint32_t found = findPrevMatchingEntry(shared, 2, kEverySeverity, 2u, &firstStep, 0);
   sigaction(SIGSEGV, &previous, nullptr);
   EXPECT_EQ(g_guardedPage, nullptr);  // the walk did touch the page
@@ -397,7 +397,7 @@ TEST_F(SearchTest, RingsWithDamagedDescriptorsGiveNothingAndNeverCrash) {
   storeShared(&sharedDescriptor(id)->maxNumberEntries, 0);
   EXPECT_EQ(search(), 0);
   damaged.maxNumberEntries = 0;
-  std::int32_t firstStep = 1;
+  bool firstStep = true;
   EXPECT_EQ(findPrevMatchingEntry(&damaged, 0, kEverySeverity, kAllCategories, &firstStep, 0), kNoSlot);
   std::uint16_t index = 1;
   findNextMatch(&damaged, 0, &index, kEverySeverity, kAllCategories);
@@ -410,7 +410,7 @@ TEST_F(SearchTest, RingsWithDamagedDescriptorsGiveNothingAndNeverCrash) {
     storeShared(&shared->maxNumberEntries, 4);
     storeShared(&shared->dataOffset, offset);
     EXPECT_EQ(search(), 0);
-    firstStep = 1;
+    firstStep = true;
     EXPECT_EQ(findPrevMatchingEntry(shared, 1, kEverySeverity, kAllCategories, &firstStep, 0), kNoSlot);
     index = 1;
     findNextMatch(shared, 0, &index, kEverySeverity, kAllCategories);
@@ -426,7 +426,7 @@ TEST_F(SearchTest, AWriteIndexOutsideTheRingEndsTheForwardWalkAfterOneRound) {
   findNextMatch(&damaged, 0, &index, kEverySeverity, 1u << 7);
   EXPECT_EQ(index, 1);
   // A full ring whose writeIndex is outside it: the backward walk still ends.
-  std::int32_t firstStep = 1;
+  bool firstStep = true;
   EXPECT_EQ(findPrevMatchingEntry(&damaged, 1, kEverySeverity, 1u << 7, &firstStep, 0), kNoSlot);
 }
 

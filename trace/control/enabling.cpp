@@ -44,8 +44,8 @@ class BaseName {
   const char* name_;
 };
 
-void setTraceEnabled(std::uint32_t enabled) noexcept {
-  if (TraceMemoryHeader* h = header(); h != nullptr) storeShared(&h->traceEnabled, enabled);
+void setTraceEnabled(bool enabled) noexcept {
+  if (TraceMemoryHeader* h = header(); h != nullptr) storeShared(&h->traceEnabled, enabled ? 1u : 0u);
 }
 
 // A notice of the library about itself in the error trace set.
@@ -73,7 +73,7 @@ NODETRACE_API void enableTraceSystem(const char* fileName, uint32_t line, const 
   char text[nt::kTextSize];
   std::snprintf(text, sizeof text, "Trace system enabled: %s", nt::orEmpty(reason));
   // On first, so that the record is always written.
-  nt::setTraceEnabled(1);
+  nt::setTraceEnabled(true);
   nt::recordNotice(base.get(), line, text);
 }
 
@@ -85,7 +85,7 @@ NODETRACE_API void disableTraceSystem(const char* fileName, uint32_t line, const
   std::snprintf(text, sizeof text, "Trace system disabled: %s", nt::orEmpty(reason));
   // Recorded while tracing is still on, then off.
   nt::recordNotice(base.get(), line, text);
-  nt::setTraceEnabled(0);
+  nt::setTraceEnabled(false);
 }
 
 NODETRACE_API void assertFail(const char* expression, const char* fileName, const char* function, uint32_t line,

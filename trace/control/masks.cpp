@@ -31,8 +31,8 @@ std::uint32_t parseHexValue(const char* text) noexcept {
   return std::sscanf(text, "%x", &value) == 1 ? value : 0;
 }
 
-int parseTraceMasks(std::FILE* file, const char* name, std::uint32_t* mask) noexcept {
-  int found = 0;
+bool parseTraceMasks(std::FILE* file, const char* name, std::uint32_t* mask) noexcept {
+  bool found = false;
   char line[kMaskLineLength];
   // A line longer than 79 characters arrives in pieces, each one examined
   // as a line of its own.
@@ -46,16 +46,16 @@ int parseTraceMasks(std::FILE* file, const char* name, std::uint32_t* mask) noex
     if (value[0] == '0' && value[1] == 'x') value += 2;
     if (std::isxdigit(static_cast<unsigned char>(value[0])) == 0) continue;
     *mask = parseHexValue(value);
-    found = 1;
+    found = true;
   }
   return found;
 }
 
-int lookupTraceMask(const char* name, std::uint32_t* mask) noexcept {
+bool lookupTraceMask(const char* name, std::uint32_t* mask) noexcept {
   initTraceSystem();
   TraceLockGuard lock;
   ScopedFile file(std::fopen(nodeNames().traceMasksConf, "re"));
-  if (!file) return 0;
+  if (!file) return false;
   return parseTraceMasks(file.get(), name, mask);
 }
 

@@ -15,12 +15,13 @@ std::uint32_t parseHexValue(const char* text) noexcept;
 // vertical tab (the newline stays on the last token); a first token starting
 // with '#' makes a comment. Column 1 is compared with name over 20
 // characters; column 2 is the mask in hex, with an optional "0x" prefix.
-// On each match the mask is stored in *mask; the last match wins. Returns 1
-// when a line matched, else 0 (*mask untouched).
-int parseTraceMasks(std::FILE* file, const char* name, std::uint32_t* mask) noexcept;
+// On each match the mask is stored in *mask; the last match wins. Returns
+// true when a line matched, else false (*mask untouched).
+bool parseTraceMasks(std::FILE* file, const char* name, std::uint32_t* mask) noexcept;
 
 // Looks name up in "/ffs/run/logs/trace_masks.conf" under the trace lock (the
-// caller must not hold it). 1 with *mask set when a line matched, else 0.
-int lookupTraceMask(const char* name, std::uint32_t* mask) noexcept;
+// caller must not hold it). true with *mask set when a line matched, else
+// false.
+bool lookupTraceMask(const char* name, std::uint32_t* mask) noexcept;
 
 }  // namespace nt

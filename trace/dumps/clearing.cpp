@@ -27,7 +27,7 @@ extern "C" NODETRACE_API int32_t clearTraceSet(int32_t traceSetId) {
   // When the lock cannot be had within its deadline the set is cleared
   // without it.
   const nt::TraceLockGuard lock;
-  NT_TEST_POINT(kClearLocked);
+  NODETRACE_TEST_POINT(kClearLocked);
   // writeIndex and curentNumberEntries share one aligned word and are
   // cleared together: a process killed in between would otherwise leave a
   // ring whose index and count disagree. The total follows; a kill before
@@ -35,7 +35,7 @@ extern "C" NODETRACE_API int32_t clearTraceSet(int32_t traceSetId) {
   static_assert(offsetof(TraceSetStruct, curentNumberEntries) == offsetof(TraceSetStruct, writeIndex) + 2);
   static_assert(offsetof(TraceSetStruct, writeIndex) % 4 == 0);
   nt::storeShared(reinterpret_cast<uint32_t*>(&descriptor->writeIndex), 0u);
-  NT_TEST_POINT(kClearCountsReset);
+  NODETRACE_TEST_POINT(kClearCountsReset);
   nt::storeShared(&descriptor->totalNumberEntries, 0);
   return 0;
 }

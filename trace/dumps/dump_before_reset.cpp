@@ -206,7 +206,7 @@ int nextEntryToDump(unsigned i, Streams& streams, TraceEntryHeader** entry, std:
 
 class ResetDump {
  public:
-  ResetDump(const char* fileName, std::uint32_t viaTempFile) noexcept
+  ResetDump(const char* fileName, bool viaTempFile) noexcept
       : fileName_(fileName), viaTempFile_(viaTempFile) {}
 
   int run() noexcept;
@@ -220,7 +220,7 @@ class ResetDump {
   void finish(std::uint8_t savedMask) noexcept;
 
   const char* fileName_;
-  std::uint32_t viaTempFile_;
+  bool viaTempFile_;
   int fd_ = -1;
   Streams streams_;
   // Each entry clears only its set's maximum length before its contents are
@@ -252,7 +252,7 @@ bool ResetDump::writeHeader(const TraceMemoryHeader* h) noexcept {
   }
   const dump::HeaderImage image = dump::headerImage(copy);
   if (dump::writeAll(fd_, image.data(), image.size())) return true;
-  NT_DUMP_FAILURE(kHeaderWriteLine, "(%s): Problems writing to file: %d (%s)");
+  NODETRACE_DUMP_FAILURE(kHeaderWriteLine, "(%s): Problems writing to file: %d (%s)");
   return false;
 }
 
@@ -272,7 +272,7 @@ bool ResetDump::writeDescriptors() noexcept {
     offset += static_cast<std::uint64_t>(getTraceEntrySize(copy.traceEntryContentsLength)) * total;
     const dump::DescriptorImage image = dump::descriptorImage(copy);
     if (!dump::writeAll(fd_, image.data(), image.size())) {
-      NT_DUMP_FAILURE(kDescriptorWriteLine, "(%s): Problems writing to file: %d (%s)");
+      NODETRACE_DUMP_FAILURE(kDescriptorWriteLine, "(%s): Problems writing to file: %d (%s)");
       return false;
     }
   }
@@ -285,7 +285,7 @@ bool ResetDump::writeEntriesOf(unsigned i) noexcept {
   dump::DescriptorImage stored;
   sys::lseek(fd_, dump::descriptorOffset(i), SEEK_SET);
   if (!dump::readAll(fd_, stored.data(), stored.size())) {
-    NT_DUMP_FAILURE(kReadBackLine, "(%s): Problems reading from file: %d (%s)");
+    NODETRACE_DUMP_FAILURE(kReadBackLine, "(%s): Problems reading from file: %d (%s)");
     return false;
   }
   if (dump::imageDataOffset(stored) != static_cast<std::uint32_t>(realOffset)) {
@@ -296,7 +296,7 @@ bool ResetDump::writeEntriesOf(unsigned i) noexcept {
     dump::setImageDataOffset(stored, static_cast<std::uint32_t>(realOffset));
     sys::lseek(fd_, dump::descriptorOffset(i), SEEK_SET);
     if (!dump::writeAll(fd_, stored.data(), stored.size())) {
-      NT_DUMP_FAILURE(kOffsetWriteLine, "(%s): Problems reading from file: %d (%s)");
+      NODETRACE_DUMP_FAILURE(kOffsetWriteLine, "(%s): Problems reading from file: %d (%s)");
       return false;
     }
   }
@@ -308,11 +308,11 @@ bool ResetDump::writeEntriesOf(unsigned i) noexcept {
   while (nextEntryToDump(i, streams_, &entry, contents_, descriptor) != 0) {
     const dump::EntryImage image = dump::entryImage(loadRecord(entry), dump::TimeStamps::kConverted);
     if (!dump::writeAll(fd_, image.data(), image.size())) {
-      NT_DUMP_FAILURE(kEntryHeaderWriteLine, "(%s): Problems writing to file: %d (%s)");
+      NODETRACE_DUMP_FAILURE(kEntryHeaderWriteLine, "(%s): Problems writing to file: %d (%s)");
       return false;
     }
     if (!dump::writeContents(fd_, contents_, contentsSize)) {
-      NT_DUMP_FAILURE(kContentsWriteLine, "(%s): Problems writing to file: %d (%s)");
+      NODETRACE_DUMP_FAILURE(kContentsWriteLine, "(%s): Problems writing to file: %d (%s)");
       return false;
     }
   }
@@ -329,7 +329,7 @@ bool ResetDump::writeEntries() noexcept {
 // The common end of every path: the copy of a dump made via the temporary
 // file (partial ones too), or the severity filter put back.
 void ResetDump::finish(std::uint8_t savedMask) noexcept {
-  if (viaTempFile_ != 0) {
+  if (viaTempFile_) {
     const char* temporary = nodeNames().tmpTraceDump;
     char command[kCommandSize];
     // A longer command is cut to the buffer, as on the node.
@@ -350,7 +350,7 @@ int ResetDump::run() noexcept {
 
   char outputName[kOutputNameSize] = {};
   const char* output = nodeNames().tmpTraceDump;
-  if (viaTempFile_ == 0) {
+  if (!viaTempFile_) {
     storeShared(&h->severityMask, kDumpSeverityMask);
     removeFilesOfReusedSlot();
     std::snprintf(outputName, sizeof outputName, "%s", fileName_);
@@ -359,7 +359,7 @@ int ResetDump::run() noexcept {
 
   fd_ = omluOpenFileWithMode(output, O_RDWR | O_CREAT | O_SYNC, kOutputMode, kSourceFileName, kOpenLine);
   if (fd_ < 0) {
-    NT_DUMP_FAILURE(kCreateLine, "(%s) Can't create file %s: %d (%s)", fileName_);
+    NODETRACE_DUMP_FAILURE(kCreateLine, "(%s) Can't create file %s: %d (%s)", fileName_);
     finish(savedMask);
     return TRACE_RC_FILE_ERROR;
   }
@@ -380,6 +380,6 @@ int ResetDump::run() noexcept {
 extern "C" NODETRACE_API int32_t dumpTracesBeforeReset(const char* fileName, uint32_t viaTempFile) {
   nt::initTraceSystem();
   if (fileName == nullptr) return TRACE_RC_FILE_ERROR;
-  nt::ResetDump dump(fileName, viaTempFile);
+  nt::ResetDump dump(fileName, viaTempFile != 0);
   return dump.run();
 }

@@ -74,8 +74,8 @@ struct Position {
 
 class TraceDump {
  public:
-  TraceDump(std::uint32_t withSramSets, std::uint32_t debugMode) noexcept
-      : withSramSets_(withSramSets == 1), debugMode_(debugMode), temporary_(nodeNames().traceDumpTmp) {}
+  TraceDump(bool withSramSets, std::uint32_t debugMode) noexcept
+      : withSramSets_(withSramSets), debugMode_(debugMode), temporary_(nodeNames().traceDumpTmp) {}
 
   int run(const char* fileName) noexcept;
 
@@ -145,7 +145,7 @@ bool TraceDump::writeHeader(TraceMemoryHeader* h) noexcept {
   if (countDamaged_) copy.currentNumberTraceSets = static_cast<std::uint8_t>(count_);
   const dump::HeaderImage image = dump::headerImage(copy);
   const bool written = dump::writeAll(fd_, image.data(), image.size());
-  if (!written) NT_DUMP_FAILURE(kHeaderWriteLine, "(%s) Problems writing to file %s: %d (%s)", temporary_);
+  if (!written) NODETRACE_DUMP_FAILURE(kHeaderWriteLine, "(%s) Problems writing to file %s: %d (%s)", temporary_);
   restoreHeader(h);
   return written;
 }
@@ -181,7 +181,7 @@ bool TraceDump::writeDescriptors() noexcept {
     offset += static_cast<std::uint64_t>(getTraceEntrySize(copy.traceEntryContentsLength)) * position.entries;
     const dump::DescriptorImage image = dump::descriptorImage(copy);
     if (!dump::writeAll(fd_, image.data(), image.size())) {
-      NT_DUMP_FAILURE(kDescriptorWriteLine, "(%s) Problems writing to file %s: %d (%s)", temporary_);
+      NODETRACE_DUMP_FAILURE(kDescriptorWriteLine, "(%s) Problems writing to file %s: %d (%s)", temporary_);
       return false;
     }
   }
@@ -210,14 +210,14 @@ bool TraceDump::writeEntriesOf(unsigned p) noexcept {
   dump::DescriptorImage stored;
   sys::lseek(fd_, dump::descriptorOffset(p), SEEK_SET);
   if (!dump::readAll(fd_, stored.data(), stored.size())) {
-    NT_DUMP_FAILURE(kReadBackLine, "(%s): Problems reading from file: %d (%s)");
+    NODETRACE_DUMP_FAILURE(kReadBackLine, "(%s): Problems reading from file: %d (%s)");
     return false;
   }
   if (dump::imageDataOffset(stored) != static_cast<std::uint32_t>(realOffset)) {
     dump::setImageDataOffset(stored, static_cast<std::uint32_t>(realOffset));
     sys::lseek(fd_, dump::descriptorOffset(p), SEEK_SET);
     if (!dump::writeAll(fd_, stored.data(), stored.size())) {
-      NT_DUMP_FAILURE(kOffsetWriteLine, "(%s): Problems writing to file: %d (%s)");
+      NODETRACE_DUMP_FAILURE(kOffsetWriteLine, "(%s): Problems writing to file: %d (%s)");
       return false;
     }
   }
@@ -257,12 +257,12 @@ bool TraceDump::writeEntriesOf(unsigned p) noexcept {
     if (entry != nullptr && (debugMode_ == 1 || loadShared(&entry->severity) != kDebugSeverity)) {
       const dump::EntryImage image = dump::entryImage(loadRecord(entry), dump::TimeStamps::kAsStored);
       if (!dump::writeAll(fd_, image.data(), image.size())) {
-        NT_DUMP_FAILURE(kEntryHeaderWriteLine, "(%s) Problems writing to file %s: %d (%s)", temporary_);
+        NODETRACE_DUMP_FAILURE(kEntryHeaderWriteLine, "(%s) Problems writing to file %s: %d (%s)", temporary_);
         return false;
       }
       if (linkedSet != 0) storeShared(&entry->prevTraceSetId, linkedSet);
       if (!dump::writeContents(fd_, contents_, contentsSize)) {
-        NT_DUMP_FAILURE(kContentsWriteLine, "(%s) Problems writing to File %s: %d (%s)", temporary_);
+        NODETRACE_DUMP_FAILURE(kContentsWriteLine, "(%s) Problems writing to File %s: %d (%s)", temporary_);
         return false;
       }
     } else {
@@ -287,7 +287,7 @@ bool TraceDump::writeEntriesOf(unsigned p) noexcept {
     dump::setImageCounts(stored, position.kept);
     sys::lseek(fd_, dump::descriptorOffset(p), SEEK_SET);
     if (!dump::writeAll(fd_, stored.data(), stored.size())) {
-      NT_DUMP_FAILURE(kCountsWriteLine, "(%s): Problems writing to file: %d (%s)");
+      NODETRACE_DUMP_FAILURE(kCountsWriteLine, "(%s): Problems writing to file: %d (%s)");
       return false;
     }
     sys::lseek(fd_, 0, SEEK_END);
@@ -321,7 +321,7 @@ int TraceDump::run(const char* fileName) noexcept {
   fd_ = omluOpenFileWithMode(temporary_, O_RDWR | O_CREAT | O_EXCL | O_SYNC, kTemporaryMode,
                              kSourceFileName, kOpenLine);
   if (fd_ < 0) {
-    NT_DUMP_FAILURE(kCreateLine, "(%s) Can't create file %s: %d (%s)", temporary_);
+    NODETRACE_DUMP_FAILURE(kCreateLine, "(%s) Can't create file %s: %d (%s)", temporary_);
     return TRACE_RC_FILE_ERROR;
   }
   sys::ftruncate(fd_, 0);
@@ -346,6 +346,6 @@ extern "C" NODETRACE_API int32_t dumpTracesToFile(const char* fileName, uint32_t
                                                   uint32_t debugMode) {
   nt::initTraceSystem();
   if (fileName == nullptr) return TRACE_RC_FILE_ERROR;
-  nt::TraceDump dump(withSramSets, debugMode);
+  nt::TraceDump dump(withSramSets == 1, debugMode);
   return dump.run(fileName);
 }

@@ -30,7 +30,7 @@
 // A failed step of a dump writer, recorded in the error trace set: the
 // writer's own kSourceFileName and kFunction, the given line, then errno and
 // its text in the format's last two places.
-#define NT_DUMP_FAILURE(line, format, ...)                                                          \
+#define NODETRACE_DUMP_FAILURE(line, format, ...)                                                   \
   do {                                                                                              \
     const int error_ = errno;                                                                       \
     tracePrintf(SYSTEM_TRACE_SET_ID, TRACE_SEVERITY_ERR, TRACE_CATEGORY_LIBRARY, kSourceFileName,   \

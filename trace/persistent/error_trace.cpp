@@ -48,6 +48,16 @@ namespace {
 constexpr std::uint32_t kContentsLength = TRACE_MAX_STRING_LENGTH;  // 128
 constexpr off_t kMaxSramFileSize = 524288;
 constexpr std::int32_t kErrorSeverity = TRACE_SEVERITY_ERR;
+constexpr unsigned kSramOpenLine = 721;
+constexpr unsigned kVersionReadLine = 730;
+constexpr unsigned kDescriptorReadLine = 742;
+constexpr unsigned kUnexpectedDescriptorLine = 754;
+constexpr unsigned kNoRoomLine = 780;
+constexpr unsigned kEmptyTextLine = 799;
+constexpr unsigned kSramReopenLine = 850;
+constexpr unsigned kDescriptorWriteLine = 861;
+constexpr unsigned kSlotHeaderWriteLine = 872;
+constexpr unsigned kSlotContentsWriteLine = 885;
 
 }  // namespace
 
@@ -108,18 +118,18 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
     ScopedFd in(sys::open(path, O_RDONLY | O_SYNC | O_CLOEXEC));
     if (!in.valid()) {
       std::fprintf(stderr, "%s (%s,%u): File access error (%s) in process %s!\n", kSourceFileName,
-                   "addErrorTrace", 721u, std::strerror(errno), program_invocation_short_name);
+                   "addErrorTrace", kSramOpenLine, std::strerror(errno), program_invocation_short_name);
       return TRACE_RC_FILE_ERROR;
     }
     if (sys::read(in.get(), version, sizeof version) < static_cast<ssize_t>(sizeof version)) {
       std::fprintf(stderr, "%s (%s,%u): File access error(%s)!\n", kSourceFileName, "addErrorTrace",
-                   730u, std::strerror(errno));
+                   kVersionReadLine, std::strerror(errno));
       return TRACE_RC_FILE_ERROR;
     }
     sys::lseek(in.get(), TRACE_SRAM_SYSTEM_DESCRIPTOR_OFFSET, SEEK_SET);
     if (sys::read(in.get(), &descriptor, sizeof descriptor) < static_cast<ssize_t>(sizeof descriptor)) {
       std::fprintf(stderr, "%s (%s,%u): File access error(%s)!\n", kSourceFileName, "addErrorTrace",
-                   742u, std::strerror(errno));
+                   kDescriptorReadLine, std::strerror(errno));
       return TRACE_RC_FILE_ERROR;
     }
   }
@@ -128,14 +138,14 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
   // in the expected form: start it afresh. This entry is lost.
   if (descriptor.traceEntryContentsLength != kContentsLength) {
     std::fprintf(stderr, "%s (%s,%u): createSramFile : traceEntryContentsLength:%d stroffset:%d\n",
-                 kSourceFileName, "addErrorTrace", 754u, descriptor.traceEntryContentsLength,
+                 kSourceFileName, "addErrorTrace", kUnexpectedDescriptorLine, descriptor.traceEntryContentsLength,
                  static_cast<int>(prefixLength));
     unlink(path);
-    createSramFile(1);
+    createSramFile(true);
     return TRACE_RC_FILE_ERROR;
   }
 
-  NT_TEST_POINT(kSramDescriptorRead);
+  NODETRACE_TEST_POINT(kSramDescriptorRead);
   // A slot outside the first region of the file (a damaged dataOffset or
   // writeIndex) is never written: nothing changes. Start-up rewrites the
   // descriptor after the next restart of the node.
@@ -145,11 +155,11 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
   // The sequence number is taken here, so a rejected empty text below still
   // consumes it.
   const std::uint32_t sequenceNumber = takeSequenceNumber(h);
-  NT_TEST_POINT(kSramSequenceTaken);
+  NODETRACE_TEST_POINT(kSramSequenceTaken);
 
   if (kContentsLength <= prefixLength) {
     std::fprintf(stderr, "%s (%s,%u): negative  : traceEntryContentsLength:%d stroffset:%d\n",
-                 kSourceFileName, "addErrorTrace", 780u, static_cast<int>(kContentsLength),
+                 kSourceFileName, "addErrorTrace", kNoRoomLine, static_cast<int>(kContentsLength),
                  static_cast<int>(prefixLength));
     return TRACE_RC_FILE_ERROR;
   }
@@ -158,7 +168,7 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
   while (length > 0 && contents[length - 1] == '\n') contents[--length] = '\0';
   if (length == 0) {
     std::fprintf(stderr, "%s (%s,%u): Ignoring attempt to add empty string as trace entry\n",
-                 kSourceFileName, "addErrorTrace", 799u);
+                 kSourceFileName, "addErrorTrace", kEmptyTextLine);
     return result;
   }
 
@@ -179,15 +189,15 @@ int addErrorTrace(std::uint32_t type, std::uint32_t category, const char* fileNa
   ScopedFd out(sys::open(path, O_WRONLY | O_SYNC | O_CLOEXEC));
   if (!out.valid()) {
     std::fprintf(stderr, "%s (%s,%u): File access error (%s)!\n", kSourceFileName, "addErrorTrace",
-                 850u, std::strerror(errno));
+                 kSramReopenLine, std::strerror(errno));
     return TRACE_RC_FILE_ERROR;
   }
   unsigned failedLine = 0;
   switch (commitSramAppend(out.get(), append, entry, contents, sizeof contents)) {
     case SramWrite::kNone: break;
-    case SramWrite::kDescriptor: failedLine = 861u; break;
-    case SramWrite::kSlotHeader: failedLine = 872u; break;
-    case SramWrite::kSlotContents: failedLine = 885u; break;
+    case SramWrite::kDescriptor: failedLine = kDescriptorWriteLine; break;
+    case SramWrite::kSlotHeader: failedLine = kSlotHeaderWriteLine; break;
+    case SramWrite::kSlotContents: failedLine = kSlotContentsWriteLine; break;
   }
   if (failedLine != 0) {
     std::fprintf(stderr, "%s (%s,%u): Error accessing file system (%s)!\n", kSourceFileName, "addErrorTrace",

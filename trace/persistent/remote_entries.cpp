@@ -72,6 +72,14 @@ constexpr std::size_t kContentsLength = TRACE_MAX_STRING_LENGTH;  // 128
 constexpr std::size_t kMaxTextLength = TRACE_MAX_STRING_LENGTH;   // strnlen limit of text sets
 constexpr std::size_t kFileNameLength = TRACE_FILE_NAME_LENGTH - 1;
 constexpr off_t kMaxSramFileSize = 524288;
+constexpr unsigned kSramOpenLine = 3870;
+constexpr unsigned kDescriptorReadLine = 3880;
+constexpr unsigned kMissingSetLine = 3901;
+constexpr unsigned kEmptyTextLine = 3940;
+constexpr unsigned kSramReopenLine = 3974;
+constexpr unsigned kDescriptorWriteLine = 3985;
+constexpr unsigned kSlotHeaderWriteLine = 3996;
+constexpr unsigned kSlotContentsWriteLine = 4008;
 
 // Set once this process has recorded that "NVJ_System" is missing; later
 // calls only log to syslog.
@@ -238,13 +246,13 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
   {
     ScopedFd in(sys::open(path, O_RDONLY | O_SYNC | O_CLOEXEC));
     if (!in.valid()) {
-      std::fprintf(stderr, "%s(%u): File access error for %s: %s!\n", kSourceFileName, 3870u, path,
+      std::fprintf(stderr, "%s(%u): File access error for %s: %s!\n", kSourceFileName, kSramOpenLine, path,
                    std::strerror(errno));
       return {TRACE_RC_FILE_ERROR, false};
     }
     sys::lseek(in.get(), TRACE_SRAM_REMOTE_DESCRIPTOR_OFFSET, SEEK_SET);
     if (sys::read(in.get(), &descriptor, sizeof descriptor) < static_cast<ssize_t>(sizeof descriptor)) {
-      std::fprintf(stderr, "%s(%u): Error reading %s: %s!\n", kSourceFileName, 3880u, path,
+      std::fprintf(stderr, "%s(%u): Error reading %s: %s!\n", kSourceFileName, kDescriptorReadLine, path,
                    std::strerror(errno));
       return {TRACE_RC_FILE_ERROR, false};
     }
@@ -265,7 +273,7 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
   TraceMemoryHeader* h = header();
   if (h == nullptr) return {result, false};
 
-  NT_TEST_POINT(kSramDescriptorRead);
+  NODETRACE_TEST_POINT(kSramDescriptorRead);
   const std::uint16_t maxLength = descriptor.traceEntryContentsLength;
   // A slot outside the second region of the file (a damaged dataOffset or
   // writeIndex) is never written: nothing changes, the record reaches
@@ -274,7 +282,7 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
   if (!planSramAppend(REMOTE_SYSTEM_TRACE_SET_ID, descriptor, &append)) return {TRACE_RC_FILE_ERROR, false};
   // Taken here, so a rejected empty text below still consumes it.
   const std::uint32_t sequenceNumber = takeSequenceNumber(h);
-  NT_TEST_POINT(kSramSequenceTaken);
+  NODETRACE_TEST_POINT(kSramSequenceTaken);
 
   // The text itself goes into the contents only for a set whose entries are
   // shorter than 128 bytes. The region is created with 128, so there the
@@ -286,7 +294,7 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
   while (length > 0 && contents[length - 1] == '\n') contents[--length] = '\0';
   if (length == 0) {
     std::fprintf(stderr, "%s (%s,%u): Ignoring attempt to add empty string as trace entry\n",
-                 kSourceFileName, "addRemoteSystemEntry", 3940u);
+                 kSourceFileName, "addRemoteSystemEntry", kEmptyTextLine);
     return {result, false};
   }
 
@@ -306,7 +314,7 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
 
   ScopedFd out(sys::open(path, O_WRONLY | O_SYNC | O_CLOEXEC));
   if (!out.valid()) {
-    std::fprintf(stderr, "%s(%u): Can't open %s for writing: %s!\n", kSourceFileName, 3974u, path,
+    std::fprintf(stderr, "%s(%u): Can't open %s for writing: %s!\n", kSourceFileName, kSramReopenLine, path,
                  std::strerror(errno));
     return {TRACE_RC_FILE_ERROR, false};
   }
@@ -316,9 +324,9 @@ LockedOutcome appendRemoteSystemRecord(const RemoteRecord& r, const char* text, 
   unsigned failedLine = 0;
   switch (commitSramAppend(out.get(), append, entry, contents, contentsSize)) {
     case SramWrite::kNone: break;
-    case SramWrite::kDescriptor: failedLine = 3985u; break;
-    case SramWrite::kSlotHeader: failedLine = 3996u; break;
-    case SramWrite::kSlotContents: failedLine = 4008u; break;
+    case SramWrite::kDescriptor: failedLine = kDescriptorWriteLine; break;
+    case SramWrite::kSlotHeader: failedLine = kSlotHeaderWriteLine; break;
+    case SramWrite::kSlotContents: failedLine = kSlotContentsWriteLine; break;
   }
   if (failedLine != 0) {
     std::fprintf(stderr, "%s(%u): Can't write to %s: %s!\n", kSourceFileName, failedLine, path,
@@ -360,7 +368,7 @@ int remoteSystemEntry(RemoteRecord r, const char* text) noexcept {
     char message[kContentsLength];
     std::snprintf(message, sizeof message, "%s: trace set struct for %s not found", "addRemoteSystemEntry",
                   kRemoteSystemName);
-    addErrorTrace(TS_STRING, TRACE_CATEGORY_LIBRARY, kSourceFileName, 3901u, message, SYSTEM_TRACE_SET_ID,
+    addErrorTrace(TS_STRING, TRACE_CATEGORY_LIBRARY, kSourceFileName, kMissingSetLine, message, SYSTEM_TRACE_SET_ID,
                   static_cast<std::int32_t>(TRACE_SEVERITY_ERR));
   }
   return outcome.result;

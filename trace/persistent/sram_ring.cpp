@@ -44,16 +44,16 @@ bool planSramAppend(std::uint16_t setId, const TraceSetStruct& current, SramAppe
 SramWrite commitSramAppend(int fd, const SramAppend& append, const TraceEntryHeader& entry,
                            const void* contents, std::size_t contentsSize) noexcept {
   if (!writeAt(fd, append.slotOffset, &entry, sizeof entry)) return SramWrite::kSlotHeader;
-  NT_TEST_POINT(kSramSlotHeaderWritten);
+  NODETRACE_TEST_POINT(kSramSlotHeaderWritten);
   if (contentsSize != 0 &&
       !writeAt(fd, append.slotOffset + TRACE_ENTRY_HEADER_SIZE, contents, contentsSize)) {
     return SramWrite::kSlotContents;
   }
-  NT_TEST_POINT(kSramSlotWritten);
+  NODETRACE_TEST_POINT(kSramSlotWritten);
   if (!writeAt(fd, append.descriptorOffset, &append.descriptor, sizeof append.descriptor)) {
     return SramWrite::kDescriptor;
   }
-  NT_TEST_POINT(kSramDescriptorWritten);
+  NODETRACE_TEST_POINT(kSramDescriptorWritten);
   return SramWrite::kNone;
 }
 

@@ -117,17 +117,17 @@ std::uint16_t currentNumberTraceSets() noexcept {
 
 std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint16_t index,
                                     std::uint8_t severityMask, std::uint32_t categoryMask,
-                                    std::int32_t* firstStep, std::int32_t fromFile) noexcept {
+                                    bool* firstStep, bool fromFile) noexcept {
   return findPrevMatchingEntryWithin(descriptor, index, severityMask, categoryMask, firstStep, fromFile, nullptr);
 }
 
 std::uint32_t findPrevMatchingEntryWithin(const TraceSetStruct* descriptor, std::uint16_t index,
                                           std::uint8_t severityMask, std::uint32_t categoryMask,
-                                          std::int32_t* firstStep, std::int32_t fromFile,
+                                          bool* firstStep, bool fromFile,
                                           std::uint32_t* stepBudget) noexcept {
   std::uint32_t result = kNoSlot;
   if (descriptor == nullptr) return result;
-  std::int32_t ownFirstStep = 1;
+  bool ownFirstStep = true;
   if (firstStep == nullptr) firstStep = &ownFirstStep;
   bool done = false;
 
@@ -143,7 +143,7 @@ std::uint32_t findPrevMatchingEntryWithin(const TraceSetStruct* descriptor, std:
     done = true;
   }
 
-  const SlotHeaders headers(ring, fromFile == 1);
+  const SlotHeaders headers(ring, fromFile);
   if (!headers.usable()) done = true;
   // A ring without slots has nothing to walk.
   if (ring.capacity == 0) done = true;
@@ -169,14 +169,14 @@ std::uint32_t findPrevMatchingEntryWithin(const TraceSetStruct* descriptor, std:
     Match entry;
     if (++reads > maxReads || !headers.read(slot, entry)) {
       done = true;
-    } else if (*firstStep == 0 && slot == stop) {
+    } else if (!*firstStep && slot == stop) {
       done = true;  // full circle
     } else if (slot == ring.capacity - 1 && !full) {
-      *firstStep = 0;  // past slot 0 of a ring that never wrapped
+      *firstStep = false;  // past slot 0 of a ring that never wrapped
       done = true;
     } else if (!matches(entry, severityMask, categoryMask)) {
       --position;
-      *firstStep = 0;
+      *firstStep = false;
       if (position == stop) done = true;
     } else {
       result = slot;
@@ -212,8 +212,8 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
 
   struct SetState {
     std::uint16_t searchIndex;
-    std::int32_t firstStep;
-    std::int32_t exhausted;
+    bool firstStep;
+    bool exhausted;
     // A set gives at most the entries it holds: a walk that would take them
     // again (a damaged ring, or the 16-bit walk position of a ring of more
     // than 32768 slots wrapping) ends there.
@@ -228,12 +228,12 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
   bool searching = false;
   for (unsigned i = 0; i < numberTraceSets; ++i) {
     numberEntries[i] = 0;
-    state[i] = {0, 1, 1, 0, 0};
+    state[i] = {0, true, true, 0, 0};
     const TraceSetStruct* descriptor = getTraceSetStruct(static_cast<uint16_t>(traceSetIds[i]));
     if (descriptor == nullptr) continue;
     const nt::Ring ring = nt::ringOf(descriptor);
     if (ring.current == 0 || ring.capacity == 0) continue;
-    state[i] = {nt::newestSlot(ring), 1, 0, std::min(ring.current, ring.capacity),
+    state[i] = {nt::newestSlot(ring), true, false, std::min(ring.current, ring.capacity),
                 2u * (static_cast<std::uint32_t>(ring.capacity) + 1u)};
     searching = true;
   }
@@ -250,16 +250,16 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
     std::uint16_t bestIndex = 0;
     for (unsigned i = 0; i < numberTraceSets; ++i) {
       SetState& set = state[i];
-      if (set.exhausted != 0) continue;
+      if (set.exhausted) continue;
       const auto id = static_cast<uint16_t>(traceSetIds[i]);
       const std::uint32_t categoryMask = categoryMasks != nullptr ? categoryMasks[i] : nt::kAllCategories;
       const TraceSetStruct* descriptor = getTraceSetStruct(id);
       if (descriptor == nullptr) continue;
-      const std::int32_t fromFile = nt::isSramSet(id) ? 1 : 0;
+      const bool fromFile = nt::isSramSet(id);
       // The descriptor of a SRAM set is the process's snapshot, which the
       // next lookup of such a set overwrites: the walk gets its own copy.
       TraceSetStruct snapshot;
-      if (fromFile == 1) {
+      if (fromFile) {
         snapshot = nt::loadRecord(descriptor);
         descriptor = &snapshot;
       }
@@ -267,7 +267,7 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
       const std::uint32_t found = nt::findPrevMatchingEntryWithin(
           descriptor, set.searchIndex, severityMask, categoryMask, &set.firstStep, fromFile, &set.steps);
       if (found == nt::kNoSlot) {
-        set.exhausted = 1;
+        set.exhausted = true;
         continue;
       }
       TraceEntryHeader* entry = &entryBuffer;
@@ -277,7 +277,7 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
                     nt::kNoEntryLine, "(%s): getTraceEntry for TS %d (of %d), index %d (of %d) returns 0L!",
                     "findMatchingTraceEntries", id, nt::currentNumberTraceSets(), static_cast<int>(found),
                     nt::loadShared(&descriptor->curentNumberEntries));
-        set.exhausted = 1;
+        set.exhausted = true;
         continue;
       }
       // The next pass starts at this entry again and finds it at once.
@@ -302,12 +302,12 @@ NODETRACE_API void findMatchingTraceEntries(uint8_t numberTraceSets, const int16
       return;
     }
     SetState& taken = state[best];
-    if (--taken.left == 0) taken.exhausted = 1;
+    if (--taken.left == 0) taken.exhausted = true;
     ++numberEntries[best];
     startIndexes[best] = bestIndex;
     taken.searchIndex =
         ring.capacity != 0 ? static_cast<std::uint16_t>((bestIndex + ring.capacity - 1) % ring.capacity) : 0;
-    taken.firstStep = 0;
+    taken.firstStep = false;
     *total += countEntries == 1 ? 1u : ring.slotSize;
   }
 }

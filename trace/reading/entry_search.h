@@ -13,14 +13,14 @@ inline constexpr std::uint32_t kNoSlot = 0xFFFFFFFFu;
 
 // In one trace set, from slot index towards older entries, the first slot
 // whose entry matches (severityMask & severity and categoryMask & category
-// both non-zero), or kNoSlot. *firstStep is 1 until the walk has passed a
-// non-matching entry; while it is 1 the walk may examine the stop slot (the
-// newest slot of a full ring). fromFile is 1 for the two sets of the SRAM
+// both non-zero), or kNoSlot. *firstStep is true until the walk has passed
+// a non-matching entry; while it is true the walk may examine the stop slot (the
+// newest slot of a full ring). fromFile is true for the two sets of the SRAM
 // file, whose headers are read from the file. Complaints about the index and
 // the result go to the error trace set.
 std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint16_t index,
                                     std::uint8_t severityMask, std::uint32_t categoryMask,
-                                    std::int32_t* firstStep, std::int32_t fromFile) noexcept;
+                                    bool* firstStep, bool fromFile) noexcept;
 
 // The same walk within a budget of steps: every slot read after the first
 // one takes one step of *stepBudget; a walk that runs out of steps ends
@@ -28,7 +28,7 @@ std::uint32_t findPrevMatchingEntry(const TraceSetStruct* descriptor, std::uint1
 // all of its walks, so that a damaged ring cannot be walked round and round.
 std::uint32_t findPrevMatchingEntryWithin(const TraceSetStruct* descriptor, std::uint16_t index,
                                           std::uint8_t severityMask, std::uint32_t categoryMask,
-                                          std::int32_t* firstStep, std::int32_t fromFile,
+                                          bool* firstStep, bool fromFile,
                                           std::uint32_t* stepBudget) noexcept;
 
 }  // namespace nt

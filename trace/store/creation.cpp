@@ -25,6 +25,9 @@
 namespace nt {
 namespace {
 
+constexpr unsigned kSystemNameLine = 961;
+constexpr unsigned kDigitNameLine = 973;
+
 // Records a refused name in the error trace set; text is already formatted.
 void recordRefusedName(const char* text, unsigned line) noexcept {
   addErrorTrace(TS_STRING, TRACE_CATEGORY_LIBRARY, kSourceFileName, line, text, SYSTEM_TRACE_SET_ID,
@@ -38,7 +41,7 @@ int attachTraceSet(std::int16_t id, const char* name, std::uint32_t type, std::u
   if (loadShared(&descriptor->type) != type) return TRACE_RC_TYPE_MISMATCH;
   // A mask from the file is the node's choice: the opener does not widen it.
   std::uint32_t fileMask = 0xFFFFFFFFu;
-  if (lookupTraceMask(name, &fileMask) == 0) {
+  if (!lookupTraceMask(name, &fileMask)) {
     storeShared(&descriptor->categoryMask, loadShared(&descriptor->categoryMask) | categoryMask);
   }
   if (maxEntries > loadShared(&descriptor->maxNumberEntries) ||
@@ -82,7 +85,7 @@ int createTraceSet(std::int16_t* id, const char* name, std::uint32_t type, std::
   std::strncpy(descriptor->name, name, TRACE_SET_NAME_LENGTH - 1);
   storeShared(&descriptor->type, type);
   std::uint32_t fileMask = 0;
-  storeShared(&descriptor->categoryMask, lookupTraceMask(name, &fileMask) == 1 ? fileMask : categoryMask);
+  storeShared(&descriptor->categoryMask, lookupTraceMask(name, &fileMask) ? fileMask : categoryMask);
   storeShared(&descriptor->maxNumberEntries, maxEntries);
   storeShared(&descriptor->traceEntryContentsLength, std::min(maxContentsLength, limit));
   storeShared(&descriptor->creatorPid, static_cast<std::uint32_t>(getpid()));
@@ -106,12 +109,12 @@ extern "C" NODETRACE_API int initTraceSet(const char* name, uint32_t type, uint1
   if (nt::sameTraceSetName(name, "System") || nt::sameTraceSetName(name, "NVJ_System")) {
     std::snprintf(text, sizeof text, "%s: Attempting to create trace set with system trace set name",
                   "initTraceSet");
-    nt::recordRefusedName(text, 961);
+    nt::recordRefusedName(text, nt::kSystemNameLine);
     return TRACE_RC_BAD_ARGUMENT;
   }
   if (std::isdigit(static_cast<unsigned char>(name[0])) != 0) {
     std::snprintf(text, sizeof text, "%s: Trace set name must not start with a digit", "initTraceSet");
-    nt::recordRefusedName(text, 973);
+    nt::recordRefusedName(text, nt::kDigitNameLine);
     return TRACE_RC_BAD_ARGUMENT;
   }
 

@@ -26,6 +26,8 @@ namespace {
 
 constexpr const char* kSystemName = "System";
 constexpr const char* kRemoteSystemName = "NVJ_System";
+constexpr unsigned kSramOpenLine = 2249;
+constexpr unsigned kSramReadLine = 2258;
 
 // The descriptor of the SRAM set asked for last by any thread of the process.
 // It is copied in word by word so that a thread reading it while another
@@ -50,7 +52,7 @@ TraceSetStruct* readSramDescriptor(std::uint16_t id) noexcept {
   if (!fd.valid()) {
     const int error = errno;
     std::fprintf(stderr, "%s (%u,%s): Problems accessing error trace set: %d (%s)\n",
-                 kSourceFileName, 2249u, "getTraceSetStruct", error, std::strerror(error));
+                 kSourceFileName, kSramOpenLine, "getTraceSetStruct", error, std::strerror(error));
     return nullptr;
   }
   sys::lseek(fd.get(), offset, SEEK_SET);
@@ -58,7 +60,7 @@ TraceSetStruct* readSramDescriptor(std::uint16_t id) noexcept {
   if (sys::read(fd.get(), &descriptor, sizeof descriptor) != sizeof descriptor) {
     const int error = errno;
     std::fprintf(stderr, "%s (%u,%s): Problems reading error trace set: %d (%s)\n",
-                 kSourceFileName, 2258u, "getTraceSetStruct", error, std::strerror(error));
+                 kSourceFileName, kSramReadLine, "getTraceSetStruct", error, std::strerror(error));
     return nullptr;
   }
   storeSnapshot(descriptor);

@@ -40,6 +40,17 @@ constexpr mode_t kShmMode = 0664;
 constexpr mode_t kSemaphoreMode = 0664;
 constexpr mode_t kSramCreateMode = 0666;
 constexpr mode_t kSramMode = 0664;
+constexpr unsigned kSemaphoreOpenLine = 511;
+constexpr unsigned kShmCreateLine = 201;
+constexpr unsigned kShmOpenLine = 212;
+constexpr unsigned kShmResizeLine = 224;
+constexpr unsigned kShmMapLine = 239;
+constexpr unsigned kSramCreateLine = 299;
+constexpr unsigned kSramSeekLine = 313;
+constexpr unsigned kVersionWriteLine = 345;
+constexpr unsigned kSystemDescriptorWriteLine = 352;
+constexpr unsigned kRemoteDescriptorWriteLine = 367;
+constexpr unsigned kSramChmodLine = 382;
 
 // The version goes last: a header with a version is complete, one without
 // was left by a creator that died, and the next process to hold the lock
@@ -91,7 +102,7 @@ void startTraceSystem() noexcept {
     if (semaphore == SEM_FAILED) {
       const int error = errno;
       std::fprintf(stderr, "%s (%s,%u): Opening internal semaphore failed (%s)!\n",
-                   kSourceFileName, "initTraceSystem", 511u, std::strerror(error));
+                   kSourceFileName, "initTraceSystem", kSemaphoreOpenLine, std::strerror(error));
       rc = -1;
     } else {
       g_process.semaphore = semaphore;
@@ -111,13 +122,13 @@ void startTraceSystem() noexcept {
   StartupLock lock = StartupLock::kNotTaken;
   for (;;) {
     lock = waitForStartUp(g_process.semaphore, nodeNames().semaphore, me);
-    if (lock == StartupLock::kTaken) NT_TEST_POINT(kStartupSemaphoreTaken);
+    if (lock == StartupLock::kTaken) NODETRACE_TEST_POINT(kStartupSemaphoreTaken);
     // Another thread of the process may have completed start-up meanwhile,
     // or mapped the object before it had to wait again.
-    started = g_process.initialised.load(std::memory_order_relaxed) != 0;
+    started = g_process.initialised.load(std::memory_order_relaxed);
     if (!started && header() == nullptr) {
       rc = initSharedMemory();
-      NT_TEST_POINT(kStartupObjectMapped);
+      NODETRACE_TEST_POINT(kStartupObjectMapped);
     }
     // The token obtained stands for the hold only once this thread is
     // recorded; a waiter that saw nobody recorded for a whole deadline may
@@ -125,7 +136,7 @@ void startTraceSystem() noexcept {
     if (lock != StartupLock::kTaken || header() == nullptr || takeHold(header(), me)) break;
   }
   const bool locked = lock != StartupLock::kNotTaken;
-  NT_TEST_POINT(kStartupHolderRecorded);
+  NODETRACE_TEST_POINT(kStartupHolderRecorded);
 
   // Under the lock a header without a version is one that nobody
   // initialised: this process created the object, or its creator died
@@ -135,15 +146,15 @@ void startTraceSystem() noexcept {
   if (!started) {
     if (rc == 1) {
       initialiseHeader(header());
-      NT_TEST_POINT(kStartupHeaderWritten);
-      rc = createSramFile(0);
+      NODETRACE_TEST_POINT(kStartupHeaderWritten);
+      rc = createSramFile(false);
       if (rc == 0) readSeverityMaskFile(header());
-      NT_TEST_POINT(kStartupSramWritten);
+      NODETRACE_TEST_POINT(kStartupSramWritten);
     }
-    g_process.initialised.store(1, std::memory_order_release);
+    g_process.initialised.store(true, std::memory_order_release);
   }
 
-  traceUnlock(locked ? 1 : 0, g_process.semaphore, &previousMask);
+  traceUnlock(locked, g_process.semaphore, &previousMask);
 }
 
 int initSharedMemory() noexcept {
@@ -156,7 +167,7 @@ int initSharedMemory() noexcept {
   if (fd == -1) {
     if (errno != ENOENT) {
       std::fprintf(stderr, "%s (%s,%u): Opening shmem failed (%s)!\n", kSourceFileName,
-                   "initSharedMemory", 212u, std::strerror(errno));
+                   "initSharedMemory", kShmOpenLine, std::strerror(errno));
       rc = -1;
     } else {
       // No O_EXCL: the caller holds the semaphore, so no other process can be
@@ -164,7 +175,7 @@ int initSharedMemory() noexcept {
       fd = sys::shmOpen(name, O_RDWR | O_CREAT, kShmMode);
       if (fd == -1) {
         std::fprintf(stderr, "%s (%s,%u): Creating shmem %s failed (%s)!\n", kSourceFileName,
-                     "initSharedMemory", 201u, name, std::strerror(errno));
+                     "initSharedMemory", kShmCreateLine, name, std::strerror(errno));
         rc = -1;
       } else {
         rc = 1;
@@ -177,7 +188,7 @@ int initSharedMemory() noexcept {
   // grows an object left short by an older build.
   if (rc != -1 && sys::ftruncate(fd, static_cast<off_t>(g_process.size)) == -1) {
     std::fprintf(stderr, "%s (%s,%u): FD resizing failed (%s)!\n", kSourceFileName,
-                 "initSharedMemory", 224u, std::strerror(errno));
+                 "initSharedMemory", kShmResizeLine, std::strerror(errno));
     rc = -1;
   }
 
@@ -185,7 +196,7 @@ int initSharedMemory() noexcept {
     void* base = sys::mmap(g_process.size, fd);
     if (base == MAP_FAILED) {
       std::fprintf(stderr, "%s (%s,%u): Mapping shmem failed(%s)!\n", kSourceFileName,
-                   "initSharedMemory", 239u, std::strerror(errno));
+                   "initSharedMemory", kShmMapLine, std::strerror(errno));
       g_process.base = nullptr;
       rc = -1;
     } else {
@@ -203,7 +214,7 @@ int initSharedMemory() noexcept {
   return rc;
 }
 
-int createSramFile(int recreating) noexcept {
+int createSramFile(bool recreating) noexcept {
   int rc = 0;
   const char* path = nodeNames().sram;
 
@@ -213,14 +224,14 @@ int createSramFile(int recreating) noexcept {
 
   if (!fd.valid()) {
     std::fprintf(stderr, "%s (%s,%u): Error while creating error trace file (%s)!\n",
-                 kSourceFileName, "createSramFile", 299u, std::strerror(errno));
-    if (recreating != 1) releaseSharedMemory(-1);
+                 kSourceFileName, "createSramFile", kSramCreateLine, std::strerror(errno));
+    if (!recreating) releaseSharedMemory(-1);
     return -1;
   }
 
   if (sys::lseek(fd.get(), 0, SEEK_SET) == -1) {
     std::fprintf(stderr, "%s (%s,%u): Error while seek (%s)\n", kSourceFileName, "createSramFile",
-                 313u, std::strerror(errno));
+                 kSramSeekLine, std::strerror(errno));
     rc = -1;
   }
 
@@ -244,12 +255,12 @@ int createSramFile(int recreating) noexcept {
     // set, the descriptor write the system trace set.
     if (sys::write(fd.get(), kVersion, sizeof kVersion) != sizeof kVersion) {
       std::fprintf(stderr, "%s (%s,%u): Error writing error trace set parameters (%s)!\n",
-                   kSourceFileName, "createSramFile", 345u, std::strerror(errno));
+                   kSourceFileName, "createSramFile", kVersionWriteLine, std::strerror(errno));
       rc = -1;
     }
     if (sys::write(fd.get(), &descriptor, sizeof descriptor) != sizeof descriptor) {
       std::fprintf(stderr, "%s (%s,%u): Error writing system trace set parameters (%s)!\n",
-                   kSourceFileName, "createSramFile", 352u, std::strerror(errno));
+                   kSourceFileName, "createSramFile", kSystemDescriptorWriteLine, std::strerror(errno));
       rc = -1;
     }
     if (needsRemoteTraceSupport() == 1 && rc == 0) {
@@ -258,7 +269,7 @@ int createSramFile(int recreating) noexcept {
       sys::lseek(fd.get(), TRACE_SRAM_REMOTE_DESCRIPTOR_OFFSET, SEEK_SET);
       if (sys::write(fd.get(), &descriptor, sizeof descriptor) != sizeof descriptor) {
         std::fprintf(stderr, "%s (%s,%u): Error writing octeon trace set parameters (%s)!\n",
-                     kSourceFileName, "createSramFile", 367u, std::strerror(errno));
+                     kSourceFileName, "createSramFile", kRemoteDescriptorWriteLine, std::strerror(errno));
         rc = -1;
       }
     }
@@ -266,7 +277,7 @@ int createSramFile(int recreating) noexcept {
 
   fd.reset();
   if (sys::chmod(path, kSramMode) == -1) {
-    std::fprintf(stderr, "(%s,%u): Error changing file permission! (%s)\n", "createSramFile", 382u,
+    std::fprintf(stderr, "(%s,%u): Error changing file permission! (%s)\n", "createSramFile", kSramChmodLine,
                  std::strerror(errno));
   }
   char command[256];
@@ -304,7 +315,7 @@ void resetProcessStateForTests() noexcept {
   g_process.reservedOffset = 0;
   g_process.descriptorOffset = 0;
   g_process.entryAreaOffset = 0;
-  g_process.initialised.store(0, std::memory_order_release);
+  g_process.initialised.store(false, std::memory_order_release);
   sys::clearFailures();
 }
 

@@ -16,7 +16,7 @@ namespace nt {
 // start-up (under the semaphore) and published by the release store of
 // `initialised`; read afterwards without a lock.
 struct ProcessState {
-  std::atomic<int> initialised{0};
+  std::atomic<bool> initialised{false};
   sem_t* semaphore = nullptr;
   std::uint8_t* base = nullptr;  // mapping of the shared-memory object
   std::uint32_t size = 0;        // page-rounded size of the mapping
@@ -38,7 +38,7 @@ void startTraceSystem() noexcept;
 // and every operation that needs the shared memory refuses (an unknown set,
 // a null descriptor, 0) instead of reaching through the missing mapping.
 inline void initTraceSystem() noexcept {
-  if (g_process.initialised.load(std::memory_order_acquire) != 0) return;
+  if (g_process.initialised.load(std::memory_order_acquire)) return;
   startTraceSystem();
 }
 
@@ -56,9 +56,9 @@ std::uint32_t mappingSizeFor(long pageSize) noexcept;
 
 // 1: this process created the object; 0: it opened an existing one; -1: failed.
 int initSharedMemory() noexcept;
-// 0 on success, -1 on failure. recreating is 1 when the error trace writer
-// re-creates a damaged file.
-int createSramFile(int recreating) noexcept;
+// 0 on success, -1 on failure. recreating is true when the error trace
+// writer re-creates a damaged file.
+int createSramFile(bool recreating) noexcept;
 // Unmaps and unlinks the shared-memory object when rc is -1.
 void releaseSharedMemory(int rc) noexcept;
 

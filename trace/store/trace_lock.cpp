@@ -130,10 +130,10 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
   for (;;) {
     const bool lastSlice = !before(sliceEnd, deadline);
     if (waitUntil(semaphore, lastSlice ? deadline : sliceEnd) == 0) {
-      NT_TEST_POINT(kLockSemaphoreTaken);
+      NODETRACE_TEST_POINT(kLockSemaphoreTaken);
       if (h == nullptr) return 0;
       if (takeHold(h, me)) {
-        NT_TEST_POINT(kLockHolderRecorded);
+        NODETRACE_TEST_POINT(kLockHolderRecorded);
         return 0;
       }
       // The token is a claimer's (see above): wait again.
@@ -143,7 +143,7 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
         sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
         continue;
       }
-      NT_TEST_POINT(kLockDeadlinePassed);
+      NODETRACE_TEST_POINT(kLockDeadlinePassed);
     } else if (h != nullptr) {
       // After a release on behalf of a dead holder the semaphore is free:
       // one more try, even when the deadline has passed meanwhile.
@@ -164,11 +164,11 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
         sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
         continue;
       }
-      NT_TEST_POINT(kLockDeadlinePassed);
+      NODETRACE_TEST_POINT(kLockDeadlinePassed);
       if (unrecorded) {
         if (claimUnrecordedHold(h, holder, me)) {
           absorbFreeToken(semaphore);
-          NT_TEST_POINT(kLockHolderRecorded);
+          NODETRACE_TEST_POINT(kLockHolderRecorded);
           return 0;
         }
         sawClaim = true;
@@ -178,7 +178,7 @@ int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) 
       sliceEnd = later(now(CLOCK_REALTIME), kHolderCheckMilliseconds);
       continue;
     } else {
-      NT_TEST_POINT(kLockDeadlinePassed);
+      NODETRACE_TEST_POINT(kLockDeadlinePassed);
     }
     // The deadline has passed.
     if (!sawClaim || extended) break;
@@ -214,7 +214,7 @@ StartupLock waitForStartUp(sem_t* semaphore, const char* semaphoreName, HolderId
     }
     if (before(now(CLOCK_MONOTONIC), later(unrecordedSince, lockDeadlineMilliseconds()))) continue;
 
-    NT_TEST_POINT(kLockDeadlinePassed);
+    NODETRACE_TEST_POINT(kLockDeadlinePassed);
     // Nobody recorded for a whole deadline: the holder died before it
     // recorded itself (a creator, perhaps before the object even existed)
     // or after it cleared the word. Claim its hold; of several waiters one
@@ -232,17 +232,17 @@ StartupLock waitForStartUp(sem_t* semaphore, const char* semaphoreName, HolderId
   }
 }
 
-void traceUnlock(int locked, sem_t* semaphore, const sigset_t* savedMask) noexcept {
-  if (locked != 0 && semaphore != nullptr) {
+void traceUnlock(bool locked, sem_t* semaphore, const sigset_t* savedMask) noexcept {
+  if (locked && semaphore != nullptr) {
     if (TraceMemoryHeader* h = header(); h != nullptr) clearHolder(h);
-    NT_TEST_POINT(kUnlockHolderCleared);
+    NODETRACE_TEST_POINT(kUnlockHolderCleared);
     sem_post(semaphore);
   }
   if (savedMask != nullptr) pthread_sigmask(SIG_SETMASK, savedMask, nullptr);
 }
 
 TraceLockGuard::TraceLockGuard() noexcept
-    : locked_(traceLock(g_process.semaphore, nodeNames().semaphore, &savedMask_) != -1 ? 1 : 0) {}
+    : locked_(traceLock(g_process.semaphore, nodeNames().semaphore, &savedMask_) != -1) {}
 
 TraceLockGuard::~TraceLockGuard() { traceUnlock(locked_, g_process.semaphore, &savedMask_); }
 

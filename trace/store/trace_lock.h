@@ -32,9 +32,9 @@ inline constexpr long kHolderCheckMilliseconds = 100;
 // keeps the previous mask in savedMask, in both cases.
 int traceLock(sem_t* semaphore, const char* semaphoreName, sigset_t* savedMask) noexcept;
 
-// Releases the semaphore if locked is non-zero, then restores savedMask if
-// it is not null.
-void traceUnlock(int locked, sem_t* semaphore, const sigset_t* savedMask) noexcept;
+// Releases the semaphore if locked, then restores savedMask if it is not
+// null.
+void traceUnlock(bool locked, sem_t* semaphore, const sigset_t* savedMask) noexcept;
 
 // How start-up came by the semaphore.
 enum class StartupLock {
@@ -64,11 +64,11 @@ class TraceLockGuard {
   TraceLockGuard(const TraceLockGuard&) = delete;
   TraceLockGuard& operator=(const TraceLockGuard&) = delete;
 
-  bool locked() const noexcept { return locked_ != 0; }
+  bool locked() const noexcept { return locked_; }
 
  private:
   sigset_t savedMask_;
-  int locked_;
+  bool locked_;
 };
 
 }  // namespace nt
