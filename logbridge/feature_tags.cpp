@@ -62,18 +62,23 @@ static_assert(HBK_SYSLOG_MAP_ROWS == 32);
 static_assert(kSystemHbkTag == ((kHbkDomain << 16) | 30));
 static_assert(kUnknownHbkTag == ((kHbkDomain << 16) | 31));
 
+// The line numbers of the bridge's own messages in the local log file.
+constexpr std::uint32_t kTagNotFoundLine = 168;
+constexpr std::uint32_t kDomainRegisteredLine = 197;
+constexpr std::uint32_t kDomainRefusedLine = 202;
+
 // Plain process-wide flag; two threads forwarding their first entries at the
 // same moment may both register the domain, which the platform tolerates.
-std::atomic<int> g_hbkDomainRegistered{0};
+std::atomic<bool> g_hbkDomainRegistered{false};
 
 void registerDomain(const char* traceSetName) noexcept {
   const int rc = ZqConfigRadRegisterDomain(kHbkDomain, kHbkDomainName, setHBKTagDefaults);
   if (rc == 0) {
-    g_hbkDomainRegistered.store(1, std::memory_order_relaxed);
-    proc_printf_func("updateSyslogPrint", 197, "QMB Domain [%s] registered", traceSetName);
+    g_hbkDomainRegistered.store(true, std::memory_order_relaxed);
+    proc_printf_func("updateSyslogPrint", kDomainRegisteredLine, "QMB Domain [%s] registered", traceSetName);
   } else {
     // The flag stays 0: the next entry tries again.
-    proc_printf_func("updateSyslogPrint", 202, "ZqConfigRadRegisterDomain() returned %d for [%s]", rc,
+    proc_printf_func("updateSyslogPrint", kDomainRefusedLine, "ZqConfigRadRegisterDomain() returned %d for [%s]", rc,
                      traceSetName);
   }
 }
@@ -118,7 +123,7 @@ int findRow(const char* name) noexcept {
       if (strcasecmp(name, hbk_syslog_map[row].name) == 0) return static_cast<int>(row);
     }
   }
-  proc_printf_func("getHBKFeatureTag", 168, "***Error - Feature tag NOT FOUND***");
+  proc_printf_func("getHBKFeatureTag", kTagNotFoundLine, "***Error - Feature tag NOT FOUND***");
   return -1;
 }
 
@@ -173,9 +178,9 @@ void setHBKTagDefaults(std::uint32_t /*domain*/, void* /*context*/) noexcept {
   for (const hbk_syslog_map_entry& row : hbk_syslog_map) ZqConfigRadSetDefault(row.tag, row.name, 1);
 }
 
-int hbkDomainRegistered() noexcept { return g_hbkDomainRegistered.load(std::memory_order_relaxed); }
+bool hbkDomainRegistered() noexcept { return g_hbkDomainRegistered.load(std::memory_order_relaxed); }
 
-void forgetHBKDomainRegistration() noexcept { g_hbkDomainRegistered.store(0, std::memory_order_relaxed); }
+void forgetHBKDomainRegistration() noexcept { g_hbkDomainRegistered.store(false, std::memory_order_relaxed); }
 
 }  // namespace nt
 
@@ -238,7 +243,7 @@ int routeEntry(std::uint32_t tag, const char* traceSetName, std::uint32_t traceS
                bool contentsAreText) noexcept {
   const char* setName = traceSetName != nullptr ? traceSetName : "";
   const char* file = fileName != nullptr ? fileName : "";
-  if (g_hbkDomainRegistered.load(std::memory_order_relaxed) == 0) registerDomain(setName);
+  if (!g_hbkDomainRegistered.load(std::memory_order_relaxed)) registerDomain(setName);
 
   if (severity == TRACE_SEVERITY_ERR) {
     return printLine(4, kSystemHbkTag, file, line, contents, contentsLength, contentsAreText);

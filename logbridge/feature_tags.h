@@ -25,8 +25,8 @@ std::uint32_t severityToLogLevel(std::uint32_t severity) noexcept;
 // and gives it the default value 1. The arguments are not used.
 void setHBKTagDefaults(std::uint32_t domain, void* context) noexcept;
 
-// 1 once this process registered the log domain successfully.
-int hbkDomainRegistered() noexcept;
+// True once this process registered the log domain successfully.
+bool hbkDomainRegistered() noexcept;
 
 // Test hook: the process has not registered the domain.
 void forgetHBKDomainRegistration() noexcept;

@@ -91,7 +91,7 @@ class FeatureTagsTest : public NodeTest {
   // Registers the domain with a first entry and forgets its calls and lines.
   void registerFirst() {
     forward("Radio", TS_STRING, TRACE_SEVERITY_INF, "first");
-    ASSERT_EQ(hbkDomainRegistered(), 1);
+    ASSERT_TRUE(hbkDomainRegistered());
     clearPlatformCalls();
     flushHBKLogFile(0);
   }
@@ -162,7 +162,7 @@ TEST_F(FeatureTagsTest, NullNameGivesTheFallbackTagAndTheDiagnostic) {
 }
 
 TEST_F(FeatureTagsTest, FirstEntryRegistersTheDomainAndSetsEveryTagDefault) {
-  EXPECT_EQ(hbkDomainRegistered(), 0);
+  EXPECT_FALSE(hbkDomainRegistered());
   EXPECT_EQ(forward("Radio", TS_STRING, TRACE_SEVERITY_INF, "hello"), 0);
 
   const std::vector<PlatformCall> calls = bridgeCalls();
@@ -176,7 +176,7 @@ TEST_F(FeatureTagsTest, FirstEntryRegistersTheDomainAndSetsEveryTagDefault) {
   }
   expectCall(calls[34], "ZqSysLogPrintE", "radio.c:42 [hello]", {2, kRadioTag});
   EXPECT_EQ(logText(), registered("Radio"));
-  EXPECT_EQ(hbkDomainRegistered(), 1);
+  EXPECT_TRUE(hbkDomainRegistered());
 
   // Registered once: later entries only print.
   clearPlatformCalls();
@@ -204,7 +204,7 @@ TEST_F(FeatureTagsTest, FailedRegistrationIsReportedAndRetriedWithTheNextEntry) 
   expectCall(calls[0], "ZqConfigRadRegisterDomain", "QMB", {26});
   expectCall(calls[1], "ZqSysLogPrintE", "radio.c:42 [one]", {2, kRadioTag});
   EXPECT_EQ(logText(), registrationFailed(-3, "Radio"));
-  EXPECT_EQ(hbkDomainRegistered(), 0);
+  EXPECT_FALSE(hbkDomainRegistered());
 
   clearPlatformCalls();
   setRegisterDomainResult(17);
@@ -403,7 +403,7 @@ TEST_F(FeatureTagsTest, ThreadsForwardingTheirFirstEntriesTogether) {
   std::string lines;
   for (std::size_t i = 0; i < registrations; ++i) lines += registered("Radio");
   EXPECT_EQ(logText(), lines);
-  EXPECT_EQ(hbkDomainRegistered(), 1);
+  EXPECT_TRUE(hbkDomainRegistered());
 }
 
 }  // namespace

@@ -306,7 +306,7 @@ struct Look {
 // whatever the filters).
 inline Look lookAt(std::uint16_t traceSetId, std::uint32_t severity, std::uint32_t category,
                    bool filterErrorClass) noexcept {
-  if (g_process.initialised.load(std::memory_order_acquire) == 0) return {Gate::kAsk, nullptr};
+  if (!g_process.initialised.load(std::memory_order_acquire)) return {Gate::kAsk, nullptr};
   const TraceMemoryHeader* h = g_process.header;
   if (h == nullptr) return {Gate::kAsk, nullptr};
   if (loadShared(&h->traceEnabled) == 0) return {Gate::kDrop, nullptr};
