@@ -6,8 +6,6 @@
 #include <cstring>
 #include <utility>
 
-#include <CLI/CLI.hpp>
-
 #include "nodetrace/nodetrace.h"
 
 namespace nodetrace_tool {
@@ -230,26 +228,6 @@ std::string describeResult(int result) {
   char code[16];
   std::snprintf(code, sizeof code, " (%d)", result);
   return words + std::string(code);
-}
-
-void addEntryFilterOptions(CLI::App& command, std::vector<std::string>& severities, std::string& category) {
-  command
-      .add_option("-s,--severity", severities,
-                  "Only entries of these severities: ERR, WAR, INF, DBG, NOT (repeat the option or "
-                  "separate them by commas)")
-      ->type_name("NAME");
-  command
-      .add_option("-c,--category", category,
-                  "Only entries sharing a bit with this category mask (hexadecimal, e.g. 0x0000000F)")
-      ->type_name("MASK")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-}
-
-void addLineFormatOption(CLI::App& command, std::string& format) {
-  command.add_option("-f,--format", format, "Line layout in the directives of the library's entry formatter")
-      ->type_name("FORMAT")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-      ->capture_default_str();
 }
 
 }  // namespace nodetrace_tool

@@ -9,10 +9,6 @@
 #include <string_view>
 #include <vector>
 
-namespace CLI {
-class App;
-}  // namespace CLI
-
 namespace nodetrace_tool {
 
 // Exit statuses, one rule for every command: 0 success, 1 the operation
@@ -75,14 +71,6 @@ std::string unknownTraceSetMessage(std::string_view name);
 // The sets an entry listing shows when none are named: every user set in
 // creation order, then "System" and "NVJ_System".
 std::vector<std::int16_t> defaultTraceSetIds();
-
-// The filter options of the entry listings (show, follow): -s/--severity
-// NAME... into severities, -c/--category MASK into category.
-void addEntryFilterOptions(CLI::App& command, std::vector<std::string>& severities, std::string& category);
-
-// The -f/--format option of the entry listings, into format (which holds the
-// default shown in the help).
-void addLineFormatOption(CLI::App& command, std::string& format);
 
 // Plain words for a negative result of the library, with the code:
 // "no trace set has that id (-5)".

@@ -16,10 +16,6 @@ namespace nodetrace_tool {
 
 namespace {
 
-// What the records of the tool name as their source: the tool itself, for
-// the records of enable and disable and for entries of write without --file.
-constexpr const char* kToolSourceName = "nodetrace";
-
 std::string joinWords(const std::vector<std::string>& words) {
   std::string text;
   for (const std::string& word : words) {
@@ -39,81 +35,12 @@ void printSeverityFilter() {
   std::printf("%s (0x%02X)\n", severityNames(filter).c_str(), filter);
 }
 
-// The changes are checked as a whole before the first one is made.
-void severity(const std::vector<std::string>& changes) {
-  std::vector<std::pair<std::uint8_t, int>> steps;
-  for (const std::string& change : changes) {
-    if (change.empty() || (change[0] != '+' && change[0] != '-')) {
-      throw UsageError("'" + change + "': write +NAME to let a severity through or -NAME to filter it out");
-    }
-    steps.emplace_back(severityBit(std::string_view(change).substr(1)), change[0] == '+' ? 1 : 0);
-  }
-  requireTraceSystem();
-  bool errorClassFilteredOut = false;
-  for (const auto& [bit, set] : steps) {
-    errorClassFilteredOut = errorClassFilteredOut || (set == 0 && (bit & TRACE_SEVERITY_ERROR_CLASS) != 0);
-    const int result = modifySeverityMask(bit, set);
-    if (result != 0) throw ToolError("the severity filter was not changed: " + describeResult(result));
-  }
-  printSeverityFilter();
-  // The writer hands every entry of the error class to System before the
-  // filter is looked at; filtering them out changes nothing but the number.
-  if (errorClassFilteredOut) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "nodetrace: note: %s\n", kErrorClassNote);
-  }
-}
-
-void mask(const std::string& setName, const std::string& maskText) {
-  const std::uint32_t value = maskText.empty() ? 0 : parseCategoryMask(maskText);
-  requireTraceSystem();
-  const std::int16_t id = traceSetId(setName);
-  if (!maskText.empty()) {
-    if (isSramSet(id)) {
-      throw UsageError("the category mask of " + setName + " cannot be changed: the sets of the SRAM file keep every category");
-    }
-    const int result = setCategoryMask(id, value);
-    if (result != 0) throw ToolError("the category mask of " + setName + " was not changed: " + describeResult(result));
-  }
-  std::printf("0x%08X\n", static_cast<std::uint32_t>(getCategoryMask(id)));
-}
-
-void clear(const std::string& setName) {
-  requireTraceSystem();
-  const std::int16_t id = traceSetId(setName);
-  if (isSramSet(id)) {
-    throw UsageError("the trace set " + setName + " cannot be cleared: the sets of the SRAM file are kept across resets");
-  }
-  const int32_t result = clearTraceSet(id);
-  if (result != 0) throw ToolError("the trace set " + setName + " was not cleared: " + describeResult(result));
-}
-
-// The shape of a set that create and write --create ask for.
-struct SetShape {
-  bool dump = false;
-  std::int64_t entries = -1;  // -1: the default of the type
-  std::int64_t length = -1;   // -1: the default of the type
-  std::string mask = "0xFFFFFFFF";
-};
-
 // Defaults for a set made from the shell: a text set keeps the longest text
 // entries there are; a dump set keeps fewer entries, as each takes up to
 // 1680 bytes of the entry area.
 constexpr std::int64_t kDefaultTextEntries = 256;
 constexpr std::int64_t kDefaultDumpEntries = 64;
 constexpr std::int64_t kMaxEntries = 0xFFFF;
-
-struct WriteOptions {
-  std::string set;
-  std::string severity;
-  std::vector<std::string> words;
-  std::string category = "0xFFFFFFFF";
-  std::string file = kToolSourceName;
-  int line = 0;
-  bool hex = false;
-  bool create = false;
-  SetShape shape;
-};
 
 std::string bytesOfHex(const std::string& text) {
   std::string bytes;
@@ -217,6 +144,89 @@ std::int16_t createSet(const std::string& name, const CheckedShape& shape, bool*
   throw ToolError("the trace set " + name + " was not created: " + describeResult(result));
 }
 
+// The options of write, with whether they take a value.
+struct WriteOptionName {
+  const char* name;
+  bool takesValue;
+};
+constexpr WriteOptionName kWriteOptionNames[] = {
+    {"-c", true},        {"--category", true}, {"--file", true}, {"--line", true},   {"--entries", true},
+    {"--length", true},  {"--hex", false},     {"--create", false}, {"-h", false}, {"--help", false},
+};
+
+// 1: an option without value, 2: an option whose value follows, 0: no
+// option of write. "--line=3" and "-cFF" carry their value.
+int writeOptionKind(const std::string& word) {
+  for (const WriteOptionName& option : kWriteOptionNames) {
+    if (word == option.name) return option.takesValue ? 2 : 1;
+    const std::string name = option.name;
+    if (option.takesValue && name.size() > 2 && word.rfind(name + "=", 0) == 0) return 1;
+  }
+  if (word.size() > 2 && word.rfind("-c", 0) == 0 && word[2] != '-') return 1;
+  return 0;
+}
+
+}  // namespace
+
+// The changes are checked as a whole before the first one is made.
+void severity(const std::vector<std::string>& changes) {
+  std::vector<std::pair<std::uint8_t, int>> steps;
+  for (const std::string& change : changes) {
+    if (change.empty() || (change[0] != '+' && change[0] != '-')) {
+      throw UsageError("'" + change + "': write +NAME to let a severity through or -NAME to filter it out");
+    }
+    steps.emplace_back(severityBit(std::string_view(change).substr(1)), change[0] == '+' ? 1 : 0);
+  }
+  requireTraceSystem();
+  bool errorClassFilteredOut = false;
+  for (const auto& [bit, set] : steps) {
+    errorClassFilteredOut = errorClassFilteredOut || (set == 0 && (bit & TRACE_SEVERITY_ERROR_CLASS) != 0);
+    const int result = modifySeverityMask(bit, set);
+    if (result != 0) throw ToolError("the severity filter was not changed: " + describeResult(result));
+  }
+  printSeverityFilter();
+  // The writer hands every entry of the error class to System before the
+  // filter is looked at; filtering them out changes nothing but the number.
+  if (errorClassFilteredOut) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "nodetrace: note: %s\n", kErrorClassNote);
+  }
+}
+
+void mask(const std::string& setName, const std::string& maskText) {
+  const std::uint32_t value = maskText.empty() ? 0 : parseCategoryMask(maskText);
+  requireTraceSystem();
+  const std::int16_t id = traceSetId(setName);
+  if (!maskText.empty()) {
+    if (isSramSet(id)) {
+      throw UsageError("the category mask of " + setName + " cannot be changed: the sets of the SRAM file keep every category");
+    }
+    const int result = setCategoryMask(id, value);
+    if (result != 0) throw ToolError("the category mask of " + setName + " was not changed: " + describeResult(result));
+  }
+  std::printf("0x%08X\n", static_cast<std::uint32_t>(getCategoryMask(id)));
+}
+
+void clear(const std::string& setName) {
+  requireTraceSystem();
+  const std::int16_t id = traceSetId(setName);
+  if (isSramSet(id)) {
+    throw UsageError("the trace set " + setName + " cannot be cleared: the sets of the SRAM file are kept across resets");
+  }
+  const int32_t result = clearTraceSet(id);
+  if (result != 0) throw ToolError("the trace set " + setName + " was not cleared: " + describeResult(result));
+}
+
+void enableTracing(const std::vector<std::string>& reason) {
+  requireTraceSystem();
+  enableTraceSystem(kToolSourceName, 0, joinWords(reason).c_str());
+}
+
+void disableTracing(const std::vector<std::string>& reason) {
+  requireTraceSystem();
+  disableTraceSystem(kToolSourceName, 0, joinWords(reason).c_str());
+}
+
 void create(const std::string& name, const SetShape& shape) {
   const CheckedShape checked = checkShape(name, shape);
   requireTraceSystem();
@@ -228,7 +238,7 @@ void create(const std::string& name, const SetShape& shape) {
   std::printf("%s %s: id %d, %s\n", name.c_str(), created ? "created" : "exists", id, shapeWords(descriptor).c_str());
 }
 
-void write(const WriteOptions& options) {
+void writeEntry(const WriteOptions& options) {
   // Everything the command line says is checked before the node is.
   const std::uint8_t bit = severityBit(options.severity);
   const std::uint32_t category = parseCategoryMask(options.category);
@@ -281,41 +291,6 @@ void write(const WriteOptions& options) {
   noteFiltered(id, bit, category);
 }
 
-void addShapeOptions(CLI::App& command, SetShape& shape) {
-  command.add_option("--entries", shape.entries, "Capacity of a new set (default: 256 text or 64 dump entries)")
-      ->type_name("N")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-  command
-      .add_option("--length", shape.length,
-                  "Longest entry of a new set in bytes (default and most: 128 for text, 1600 for dump entries)")
-      ->type_name("N")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-}
-
-// The options of write, with whether they take a value.
-struct WriteOptionName {
-  const char* name;
-  bool takesValue;
-};
-constexpr WriteOptionName kWriteOptionNames[] = {
-    {"-c", true},        {"--category", true}, {"--file", true}, {"--line", true},   {"--entries", true},
-    {"--length", true},  {"--hex", false},     {"--create", false}, {"-h", false}, {"--help", false},
-};
-
-// 1: an option without value, 2: an option whose value follows, 0: no
-// option of write. "--line=3" and "-cFF" carry their value.
-int writeOptionKind(const std::string& word) {
-  for (const WriteOptionName& option : kWriteOptionNames) {
-    if (word == option.name) return option.takesValue ? 2 : 1;
-    const std::string name = option.name;
-    if (option.takesValue && name.size() > 2 && word.rfind(name + "=", 0) == 0) return 1;
-  }
-  if (word.size() > 2 && word.rfind("-c", 0) == 0 && word[2] != '-') return 1;
-  return 0;
-}
-
-}  // namespace
-
 void separateWriteText(std::vector<std::string>& arguments) {
   if (arguments.empty() || arguments[0] != "write") return;
   int positionals = 0;
@@ -336,104 +311,6 @@ void separateWriteText(std::vector<std::string>& arguments) {
     }
     ++positionals;
   }
-}
-
-void addControlCommands(CLI::App& app) {
-  CLI::App* severityCommand = app.add_subcommand(
-      "severity",
-      "Show the node-wide severity filter, or let severities through (+NAME) or filter them out (-NAME); "
-      "NAME is ERR, WAR, INF, DBG or NOT");
-  // -DBG is a change, not an option: the arguments are taken as they come.
-  severityCommand->allow_extras();
-  severityCommand->footer(
-      "Arguments: [+NAME|-NAME]...\n"
-      "  +NAME lets entries of severity NAME through the node-wide filter, -NAME filters them out;\n"
-      "  the filter in force afterwards is printed. Entries of ERR, WAR and NOT always go to System:\n"
-      "  the filter holds back only INF and DBG entries.");
-  severityCommand->callback([severityCommand] { severity(severityCommand->remaining()); });
-
-  auto maskSet = std::make_shared<std::string>();
-  auto maskValue = std::make_shared<std::string>();
-  CLI::App* maskCommand =
-      app.add_subcommand("mask", "Show the category mask of a trace set, or replace it until the node restarts");
-  maskCommand->add_option("SET", *maskSet, "Trace set by name or id")->required()
-      ->type_name("");
-  maskCommand->add_option("MASK", *maskValue, "New category mask (hexadecimal, e.g. 0x0000000F)")
-      ->type_name("");
-  maskCommand->callback([maskSet, maskValue] { mask(*maskSet, *maskValue); });
-
-  auto enableReason = std::make_shared<std::vector<std::string>>();
-  CLI::App* enableCommand = app.add_subcommand(
-      "enable", "Switch tracing on for every process of the node; the reason is recorded in System");
-  enableCommand->add_option("REASON", *enableReason, "Why (words are joined by blanks)")->required()
-      ->type_name("");
-  enableCommand->callback([enableReason] {
-    requireTraceSystem();
-    enableTraceSystem(kToolSourceName, 0, joinWords(*enableReason).c_str());
-  });
-
-  auto disableReason = std::make_shared<std::vector<std::string>>();
-  CLI::App* disableCommand = app.add_subcommand(
-      "disable", "Switch tracing off for every process of the node; the reason is recorded in System");
-  disableCommand->add_option("REASON", *disableReason, "Why (words are joined by blanks)")->required()
-      ->type_name("");
-  disableCommand->callback([disableReason] {
-    requireTraceSystem();
-    disableTraceSystem(kToolSourceName, 0, joinWords(*disableReason).c_str());
-  });
-
-  auto clearSet = std::make_shared<std::string>();
-  CLI::App* clearCommand = app.add_subcommand("clear", "Empty a user trace set");
-  clearCommand->add_option("SET", *clearSet, "Trace set by name or id")->required()
-      ->type_name("");
-  clearCommand->callback([clearSet] { clear(*clearSet); });
-
-  auto writeOptions = std::make_shared<WriteOptions>();
-  CLI::App* writeCommand = app.add_subcommand(
-      "write", "Write an entry into a trace set, as an application does (ERR, WAR and NOT go to System)");
-  writeCommand->add_option("SET", writeOptions->set, "Trace set by name or id")->required()
-      ->type_name("");
-  writeCommand->add_option("SEVERITY", writeOptions->severity, "ERR, WAR, INF, DBG or NOT")->required()
-      ->type_name("");
-  writeCommand->add_option("TEXT", writeOptions->words, "The entry (words are joined by blanks)")->required()
-      ->type_name("");
-  writeCommand->add_option("-c,--category", writeOptions->category, "Category bits of the entry (hexadecimal)")
-      ->type_name("MASK")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-      ->capture_default_str();
-  writeCommand->add_option("--file", writeOptions->file, "Source file named in the entry")
-      ->type_name("NAME")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-      ->capture_default_str();
-  writeCommand->add_option("--line", writeOptions->line, "Source line named in the entry")
-      ->type_name("N")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-      ->capture_default_str();
-  writeCommand->add_flag("--hex", writeOptions->hex, "TEXT is hexadecimal bytes for a set of dump entries (\"41 42 0a\")");
-  writeCommand->add_flag("--create", writeOptions->create,
-                         "Create SET first when the node has none of that name: a text set, or a dump set with --hex");
-  addShapeOptions(*writeCommand, writeOptions->shape);
-  writeCommand->footer(
-      "TEXT starts at the first word after SET and SEVERITY that is not an option of write, so it may begin\n"
-      "with '-'; options after it are part of the text.");
-  writeCommand->callback([writeOptions] { write(*writeOptions); });
-
-  auto createName = std::make_shared<std::string>();
-  auto createShape = std::make_shared<SetShape>();
-  CLI::App* createCommand = app.add_subcommand(
-      "create",
-      "Create a trace set, as an application does; a set of that name that exists with the same type and at least "
-      "that room is used as it is. Sets stay until the node restarts");
-  createCommand->add_option("SET", *createName, "Name of the set (at most 19 characters, not starting with a digit)")
-      ->required()
-      ->type_name("");
-  createCommand->add_flag("--dump", createShape->dump, "A set of dump entries (byte buffers) instead of text");
-  addShapeOptions(*createCommand, *createShape);
-  createCommand->add_option("-m,--mask", createShape->mask, "Category mask of the set (hexadecimal)")
-      ->type_name("MASK")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-      ->capture_default_str();
-  createCommand->callback([createName, createShape] { create(*createName, *createShape); });
 }
 
 }  // namespace nodetrace_tool

@@ -13,7 +13,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "arguments.h"
@@ -131,13 +130,7 @@ TraceSetStruct systemDescriptor() {
   return descriptor;
 }
 
-struct DumpOptions {
-  std::string file;
-  bool withSram = false;
-  bool debug = false;
-  bool direct = false;
-  bool force = false;
-};
+}  // namespace
 
 void dump(const DumpOptions& options) {
   checkDumpFileName(options.file, kCopiedNameLimit);
@@ -166,34 +159,6 @@ void dumpBeforeReset(const DumpOptions& options) {
                     recordedReason(before));
   }
   guard.keep();
-}
-
-}  // namespace
-
-void addDumpCommands(CLI::App& app) {
-  auto options = std::make_shared<DumpOptions>();
-  CLI::App* command = app.add_subcommand(
-      "dump", "Write every user trace set, entries oldest first, into a dump file (network byte order)");
-  command->add_option("FILE", options->file, "The dump file to write")->required()
-      ->type_name("");
-  command->add_flag("--with-sram", options->withSram, "Also dump the sets of the SRAM file, NVJ_System and System");
-  command->add_flag("--debug", options->debug, "Also dump entries of severity DBG, which are left out otherwise");
-  command->add_flag("--force", options->force,
-                    "Remove a temporary dump file left over from a dump that did not finish, then dump");
-  command->callback([options] { dump(*options); });
-
-  auto resetOptions = std::make_shared<DumpOptions>();
-  CLI::App* beforeReset = app.add_subcommand(
-      "dump-before-reset",
-      "Write the newest WAR, NOT, INF and DBG entries of the user trace sets that fit into 950 KiB, as the "
-      "reset handling does, into a dump file");
-  beforeReset->add_option("FILE", resetOptions->file, "The dump file to write")->required()
-      ->type_name("");
-  beforeReset->add_flag("--direct", resetOptions->direct,
-                        "Write FILE directly as the reset handling does: only ERR entries are traced while the "
-                        "dump runs, and the old dump files of the slot named in /tmp/oldTrace are removed "
-                        "(FILE at most 39 characters)");
-  beforeReset->callback([resetOptions] { dumpBeforeReset(*resetOptions); });
 }
 
 }  // namespace nodetrace_tool

@@ -21,7 +21,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -29,7 +28,6 @@
 #include "commands.h"
 #include "entry_listing.h"
 #include "node_check.h"
-#include "show_format.h"
 
 namespace nodetrace_tool {
 
@@ -57,15 +55,6 @@ void sleepMilliseconds(unsigned milliseconds) {
 // A slot that stays older than its poll for this many polls is taken as it
 // is: it was not being written, it is what two colliding writers left.
 constexpr int kMaxDeferrals = 3;
-
-struct FollowOptions {
-  std::vector<std::string> sets;
-  std::vector<std::string> severities;
-  std::string category;
-  std::uint32_t lines = 10;
-  unsigned interval = 250;
-  std::string format = kDefaultShowFormat;
-};
 
 struct FollowedSet {
   std::int16_t id = 0;
@@ -170,6 +159,8 @@ void printLost(const FollowedSet& set, std::uint32_t lost) {
   }
 }
 
+}  // namespace
+
 void follow(const FollowOptions& options) {
   checkFormat(options.format);
   EntryFilter filter;
@@ -255,31 +246,6 @@ void follow(const FollowOptions& options) {
     if (printed || !fresh.empty()) std::fflush(stdout);
   }
   std::fflush(stdout);
-}
-
-}  // namespace
-
-void addFollowCommand(CLI::App& app) {
-  auto options = std::make_shared<FollowOptions>();
-  CLI::App* command = app.add_subcommand(
-      "follow",
-      "Print the last entries of trace sets, then every new entry as it is written, in order, until "
-      "interrupted (like tail -f)");
-  command->add_option("SET", options->sets,
-                      "Trace sets by name or id (default: every user set, also those created later, "
-                      "System and NVJ_System)")
-      ->type_name("");
-  addEntryFilterOptions(*command, options->severities, options->category);
-  command->add_option("-n,--lines", options->lines, "Entries printed at the start")
-      ->type_name("N")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-      ->capture_default_str();
-  addLineFormatOption(*command, options->format);
-  command->add_option("-i,--interval", options->interval, "Milliseconds between two looks at the trace sets")
-      ->type_name("MS")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-      ->capture_default_str();
-  command->callback([options] { follow(*options); });
 }
 
 }  // namespace nodetrace_tool

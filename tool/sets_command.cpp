@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -105,22 +104,13 @@ void printLibraryReport(bool verbose) {
 
 }  // namespace
 
-void addSetsCommand(CLI::App& app) {
-  auto verbose = std::make_shared<bool>(false);
-  auto report = std::make_shared<bool>(false);
-  CLI::App* command = app.add_subcommand(
-      "sets", "Report all trace sets: entries held, capacity, entries written and type of each, and the use of "
-              "shared memory");
-  command->add_flag("-v,--verbose", *verbose, "Also show the category mask of each set");
-  command->add_flag("--report", *report, "The library's own report (printTraceSetsInfo) instead of the table");
-  command->callback([verbose, report] {
-    requireTraceSystem();
-    if (*report) {
-      printLibraryReport(*verbose);
-    } else {
-      printSets(*verbose);
-    }
-  });
+void listSets(const SetsOptions& options) {
+  requireTraceSystem();
+  if (options.report) {
+    printLibraryReport(options.verbose);
+  } else {
+    printSets(options.verbose);
+  }
 }
 
 }  // namespace nodetrace_tool

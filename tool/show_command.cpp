@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <iostream>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,7 +13,6 @@
 #include "commands.h"
 #include "entry_listing.h"
 #include "node_check.h"
-#include "show_format.h"
 
 #ifdef NODETRACE_TOOL_HAS_DECODE
 #include "decode/dump_reader.h"
@@ -24,16 +22,6 @@
 namespace nodetrace_tool {
 
 namespace {
-
-struct ShowOptions {
-  std::vector<std::string> sets;
-  std::vector<std::string> severities;
-  std::string category;
-  std::uint32_t lines = 0;
-  bool lastLinesOnly = false;
-  bool previousRun = false;
-  std::string format = kDefaultShowFormat;
-};
 
 struct ListedSet {
   std::int16_t id;
@@ -125,6 +113,8 @@ void showPreviousRun(const ShowOptions& options, const EntryFilter& filter) {
 
 #endif
 
+}  // namespace
+
 void show(const ShowOptions& options) {
   checkFormat(options.format);
   EntryFilter filter;
@@ -172,31 +162,6 @@ void show(const ShowOptions& options) {
       }
     }
   }
-}
-
-}  // namespace
-
-void addShowCommand(CLI::App& app) {
-  auto options = std::make_shared<ShowOptions>();
-  CLI::App* command = app.add_subcommand(
-      "show",
-      "Print the entries of trace sets, merged into one stream in the order in which they were "
-      "written (by sequence number), oldest first");
-  command->add_option("SET", options->sets,
-                      "Trace sets by name or id (default: every user set, System and NVJ_System)")
-      ->type_name("");
-  addEntryFilterOptions(*command, options->severities, options->category);
-  command->add_option("-n,--lines", options->lines, "Only the last N entries of the stream")
-      ->type_name("N")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-  addLineFormatOption(*command, options->format);
-  command->add_flag("-P,--previous-run,--last-boot", options->previousRun,
-                    "The entries of the run before the node's last reset instead: the newest TraceLog.<n> and "
-                    "ErrorTrace.<n> dump files of the logs directory, merged by time (SET names the sets in them)");
-  command->callback([options, command] {
-    options->lastLinesOnly = command->count("--lines") > 0;
-    show(*options);
-  });
 }
 
 }  // namespace nodetrace_tool

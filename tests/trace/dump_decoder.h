@@ -1,6 +1,11 @@
 // An independent reader of dump files for the tests: it assembles every
 // field from its bytes (big-endian where the layout says so) without the
 // library's record types, and accounts for every byte of the file.
+//
+// It is kept apart from the shipped reader (tool/decode/dump_reader.h) on
+// purpose, as a second opinion on the format: the tests check the dumps and
+// the shipped reader against it, so a mistake shared by the writer and the
+// shipped reader cannot pass unseen. Do not replace it with the shipped one.
 #pragma once
 
 #include <cstdint>

@@ -11,6 +11,7 @@
 #include <system_error>
 #include <tuple>
 
+#include "nodetrace/trace_layout.h"
 #include "decode/entry_text.h"
 
 namespace nodetrace_tool::decode {
@@ -18,7 +19,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr std::uint32_t kTypeString = 0;
+constexpr std::uint32_t kTypeString = TS_STRING;
 constexpr std::uint64_t kNanosecondsPerSecond = 1000000000u;
 constexpr std::uint32_t kPacketMagic = 0xC1FC1FC1u;
 // Events are grouped into packets of about this size, so that a reader
@@ -35,7 +36,8 @@ struct SeverityLevel {
   int logLevel;
 };
 constexpr SeverityLevel kSeverityLevels[] = {
-    {0x80, "ERR", 3}, {0x40, "WAR", 4}, {0x08, "NOT", 5}, {0x20, "INF", 6}, {0x10, "DBG", 14},
+    {TRACE_SEVERITY_ERR, "ERR", 3}, {TRACE_SEVERITY_WAR, "WAR", 4}, {TRACE_SEVERITY_NOT, "NOT", 5},
+    {TRACE_SEVERITY_INF, "INF", 6}, {TRACE_SEVERITY_DBG, "DBG", 14},
 };
 
 const SeverityLevel* severityLevel(std::uint8_t severity) noexcept {

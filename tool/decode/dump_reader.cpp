@@ -7,17 +7,24 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstddef>
 #include <cstring>
+
+#include "nodetrace/trace_layout.h"
 
 namespace nodetrace_tool::decode {
 namespace {
 
-constexpr std::uint64_t kHeaderSize = 28;
-constexpr std::uint64_t kDescriptorSize = 48;
-constexpr std::uint64_t kEntryHeaderSize = 80;
-constexpr char kVersion[4] = {'1', '.', '4', '\0'};
-constexpr std::uint16_t kSystemSetId = 255;
-constexpr std::uint16_t kRemoteSystemSetId = 254;
+// The dump file is built from the records of the trace store, so their
+// sizes and field offsets come from the layout header, turned to network
+// byte order field by field.
+constexpr std::uint64_t kHeaderSize = TRACE_MEMORY_HEADER_SIZE;
+constexpr std::uint64_t kDescriptorSize = TRACE_DESCRIPTOR_SIZE;
+constexpr std::uint64_t kEntryHeaderSize = TRACE_ENTRY_HEADER_SIZE;
+constexpr char kVersion[] = TRACE_VERSION;  // with its zero byte, as stored
+static_assert(sizeof kVersion == sizeof TraceMemoryHeader::version);
+constexpr std::uint16_t kSystemSetId = SYSTEM_TRACE_SET_ID;
+constexpr std::uint16_t kRemoteSystemSetId = REMOTE_SYSTEM_TRACE_SET_ID;
 constexpr std::uint32_t kNanosecondsPerSecond = 1000000000u;
 // A node that has run longer than this (about 8.5 years) is less likely
 // than a monotonic stamp read in the wrong byte order.
@@ -69,32 +76,34 @@ std::string quoted(const std::string& text) {
 }
 
 DumpHeader parseHeader(const std::uint8_t* p) noexcept {
+  using H = TraceMemoryHeader;
   DumpHeader header;
-  std::memcpy(header.version.data(), p, header.version.size());
-  header.totalNumberTraceEntries = be32(p + 4);
-  header.currentNumberTraceSets = p[8];
-  header.severityMask = p[9];
-  std::memcpy(&header.traceEnabled, p + 12, sizeof header.traceEnabled);
-  header.nextFreeOffset = be32(p + 16);
-  header.lastTraceSetId = be16(p + 20);
-  header.lastEntryIndex = be16(p + 22);
-  header.lockHolderTid = static_cast<std::int32_t>(be32(p + 24));
+  std::memcpy(header.version.data(), p + offsetof(H, version), header.version.size());
+  header.totalNumberTraceEntries = be32(p + offsetof(H, totalNumberTraceEntries));
+  header.currentNumberTraceSets = p[offsetof(H, currentNumberTraceSets)];
+  header.severityMask = p[offsetof(H, severityMask)];
+  std::memcpy(&header.traceEnabled, p + offsetof(H, traceEnabled), sizeof header.traceEnabled);
+  header.nextFreeOffset = be32(p + offsetof(H, nextFreeOffset));
+  header.lastTraceSetId = be16(p + offsetof(H, lastTraceSetId));
+  header.lastEntryIndex = be16(p + offsetof(H, lastEntryIndex));
+  header.lockHolderTid = static_cast<std::int32_t>(be32(p + offsetof(H, lockHolderTid)));
   return header;
 }
 
 SetRecord parseDescriptor(const std::uint8_t* p, std::uint32_t position) {
+  using D = TraceSetStruct;
   SetRecord set;
   set.position = position;
-  std::memcpy(set.name.data(), p, set.name.size());
-  set.type = be32(p + 20);
-  set.categoryMask = be32(p + 24);
-  set.maxNumberEntries = be16(p + 28);
-  set.traceEntryContentsLength = be16(p + 30);
-  set.creatorPid = be32(p + 32);
-  set.dataOffset = be32(p + 36);
-  set.writeIndex = be16(p + 40);
-  set.curentNumberEntries = be16(p + 42);
-  set.totalNumberEntries = be32(p + 44);
+  std::memcpy(set.name.data(), p + offsetof(D, name), set.name.size());
+  set.type = be32(p + offsetof(D, type));
+  set.categoryMask = be32(p + offsetof(D, categoryMask));
+  set.maxNumberEntries = be16(p + offsetof(D, maxNumberEntries));
+  set.traceEntryContentsLength = be16(p + offsetof(D, traceEntryContentsLength));
+  set.creatorPid = be32(p + offsetof(D, creatorPid));
+  set.dataOffset = be32(p + offsetof(D, dataOffset));
+  set.writeIndex = be16(p + offsetof(D, writeIndex));
+  set.curentNumberEntries = be16(p + offsetof(D, curentNumberEntries));
+  set.totalNumberEntries = be32(p + offsetof(D, totalNumberEntries));
   const std::string name = set.nameText();
   if (name == "System") {
     set.id = kSystemSetId;
@@ -107,21 +116,22 @@ SetRecord parseDescriptor(const std::uint8_t* p, std::uint32_t position) {
 }
 
 EntryRecord parseEntry(const std::uint8_t* p, std::uint32_t set, std::uint64_t offset, std::uint64_t contentsSize) {
+  using E = TraceEntryHeader;
   EntryRecord entry;
   entry.set = set;
   entry.offset = offset;
-  std::memcpy(entry.fileName.data(), p, entry.fileName.size());
-  entry.line = static_cast<std::int32_t>(be32(p + 32));
-  entry.pid = be32(p + 36);
-  entry.severity = p[40];
-  entry.category = be32(p + 44);
-  entry.sequenceNumber = be32(p + 48);
-  entry.tid = be32(p + 52);
-  entry.contentsLength = be16(p + 64);
-  entry.prevTraceSetId = be16(p + 66);
-  entry.prevEntryIndex = be16(p + 68);
-  std::memcpy(entry.stampBytes.data(), p + 56, 8);
-  std::memcpy(entry.stampBytes.data() + 8, p + 72, 8);
+  std::memcpy(entry.fileName.data(), p + offsetof(E, fileName), entry.fileName.size());
+  entry.line = static_cast<std::int32_t>(be32(p + offsetof(E, line)));
+  entry.pid = be32(p + offsetof(E, pid));
+  entry.severity = p[offsetof(E, severity)];
+  entry.category = be32(p + offsetof(E, category));
+  entry.sequenceNumber = be32(p + offsetof(E, sequenceNumber));
+  entry.tid = be32(p + offsetof(E, tid));
+  entry.contentsLength = be16(p + offsetof(E, contentsLength));
+  entry.prevTraceSetId = be16(p + offsetof(E, prevTraceSetId));
+  entry.prevEntryIndex = be16(p + offsetof(E, prevEntryIndex));
+  std::memcpy(entry.stampBytes.data(), p + offsetof(E, monotonicTime), sizeof(TraceTimeStamp));
+  std::memcpy(entry.stampBytes.data() + sizeof(TraceTimeStamp), p + offsetof(E, realTime), sizeof(TraceTimeStamp));
   entry.contents.assign(p + kEntryHeaderSize, p + kEntryHeaderSize + contentsSize);
   return entry;
 }
@@ -186,7 +196,8 @@ void parseStructure(std::span<const std::uint8_t> bytes, DecodedFile& file) {
   }
   if (std::memcmp(data, kVersion, sizeof kVersion) != 0) {
     fail(0, "not a dump file: the version at offset 0 reads " +
-                quoted(std::string(reinterpret_cast<const char*>(data), 4)) + ", not \"1.4\"");
+                quoted(std::string(reinterpret_cast<const char*>(data), sizeof kVersion)) +
+                ", not \"" TRACE_VERSION "\"");
     return;
   }
   file.header = parseHeader(data);
@@ -206,11 +217,11 @@ void parseStructure(std::span<const std::uint8_t> bytes, DecodedFile& file) {
   std::uint64_t offset = kHeaderSize + kDescriptorSize * count;
   for (std::uint32_t position = 0; position < count; ++position) {
     const SetRecord& set = file.sets[position];
-    const std::uint64_t descriptorAt = kHeaderSize + kDescriptorSize * position;
+    const std::uint64_t dataOffsetAt = kHeaderSize + kDescriptorSize * position + offsetof(TraceSetStruct, dataOffset);
     if (set.dataOffset != offset) {
-      fail(descriptorAt + 36, formatted("bad data offset in descriptor %u (set %s) at offset %llu: %u, the "
+      fail(dataOffsetAt, formatted("bad data offset in descriptor %u (set %s) at offset %llu: %u, the "
                                         "entries continue at %llu",
-                                        position, quoted(set.nameText()).c_str(), ull(descriptorAt + 36),
+                                        position, quoted(set.nameText()).c_str(), ull(dataOffsetAt),
                                         set.dataOffset, ull(offset)));
       return;
     }

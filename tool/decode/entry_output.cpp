@@ -6,6 +6,7 @@
 #include <tuple>
 #include <utility>
 
+#include "nodetrace/trace_layout.h"
 #include "decode/entry_text.h"
 
 namespace nodetrace_tool::decode {
@@ -13,7 +14,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr std::uint32_t kTypeString = 0;
+constexpr std::uint32_t kTypeString = TS_STRING;
 constexpr std::uint64_t kMicrosecondsPerSecond = 1000000;
 
 // JSON text: bytes that are not UTF-8 become U+FFFD rather than failing.

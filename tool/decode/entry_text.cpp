@@ -6,6 +6,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "nodetrace/trace_layout.h"
+
 namespace nodetrace_tool::decode {
 namespace {
 
@@ -14,10 +16,10 @@ constexpr std::size_t kClockBufferSize = 12;  // "00:00:00" of the ISO 8601 form
 constexpr std::size_t kClockTextLimit = 11;   // "00:00:00" of %t and %ut, in the date buffer
 constexpr std::size_t kDumpRowLength = 16;
 constexpr unsigned kCursorPositions = 256;  // an 8-bit cursor
-constexpr std::size_t kMaxTextLength = 128;
-constexpr std::size_t kMaxDumpLength = 1600;
-constexpr std::uint32_t kTypeString = 0;
-constexpr std::uint32_t kTypeDump = 1;
+constexpr std::size_t kMaxTextLength = TRACE_MAX_STRING_LENGTH;
+constexpr std::size_t kMaxDumpLength = TRACE_MAX_DUMP_LENGTH;
+constexpr std::uint32_t kTypeString = TS_STRING;
+constexpr std::uint32_t kTypeDump = TS_DUMP;
 
 __attribute__((format(printf, 2, 3))) void appendf(std::string& out, const char* format, ...) {
   char buffer[512];
@@ -230,11 +232,11 @@ class LinePrinter {
 
 const char* severityName(std::uint8_t severity) noexcept {
   switch (severity) {
-    case 0x80: return "ERR";
-    case 0x40: return "WAR";
-    case 0x20: return "INF";
-    case 0x10: return "DBG";
-    case 0x08: return "NOT";
+    case TRACE_SEVERITY_ERR: return "ERR";
+    case TRACE_SEVERITY_WAR: return "WAR";
+    case TRACE_SEVERITY_INF: return "INF";
+    case TRACE_SEVERITY_DBG: return "DBG";
+    case TRACE_SEVERITY_NOT: return "NOT";
     default: return "???";
   }
 }
