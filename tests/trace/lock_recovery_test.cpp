@@ -253,6 +253,10 @@ TEST_F(LockRecoveryTest, ManyThreadsSeeingTheSameDeadHolderPostItOnce) {
 }
 
 TEST_F(LockRecoveryTest, TwoProcessesWaitingWhenTheHolderDiesLeaveTheSemaphoreAtOne) {
+  // Four waiters take the lock one after another once the holder is found
+  // dead; none of them means to wait out a deadline, and on a loaded machine
+  // the last one's wait may pass the short test deadline.
+  useRealLockDeadline();
   const pid_t holder = startLockHolder();
   StderrCapture capture;
   StartGate gate;
