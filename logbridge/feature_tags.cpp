@@ -78,7 +78,8 @@ void registerDomain(const char* traceSetName) noexcept {
     proc_printf_func("updateSyslogPrint", kDomainRegisteredLine, "QMB Domain [%s] registered", traceSetName);
   } else {
     // The flag stays 0: the next entry tries again.
-    proc_printf_func("updateSyslogPrint", kDomainRefusedLine, "ZqConfigRadRegisterDomain() returned %d for [%s]", rc,
+    proc_printf_func("updateSyslogPrint", kDomainRefusedLine, "ZqConfigRadRegisterDomain() returned %d for [%s]",
+                     rc,
                      traceSetName);
   }
 }

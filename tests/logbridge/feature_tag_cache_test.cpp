@@ -46,8 +46,8 @@ class FeatureTagCacheTest : public NodeTest {
 
   static int forward(std::uint16_t id, const char* set, const std::string& text,
                      std::uint32_t severity = TRACE_SEVERITY_INF) {
-    return forwardEntry(id, SetName::of(set), TS_STRING, severity, "radio.c", 42, static_cast<std::uint16_t>(text.size() + 1),
-                        text.c_str(), true);
+    return forwardEntry(id, SetName::of(set), TS_STRING, severity, "radio.c", 42,
+                        static_cast<std::uint16_t>(text.size() + 1), text.c_str(), true);
   }
 
   std::string logText() const {
@@ -144,7 +144,9 @@ TEST_F(FeatureTagCacheTest, ErrorEntryStillLooksUpItsSetAndGoesOutUnderSystem) {
 
 TEST_F(FeatureTagCacheTest, DumpSetIsForwardedAsBeforeAndKeepsItsRow) {
   const std::uint8_t bytes[3] = {1, 2, 0xFF};
-  EXPECT_EQ(forwardEntry(8, SetName::of("Optical"), TS_DUMP, TRACE_SEVERITY_DBG, "o.c", 1, sizeof bytes, bytes, false), 0);
+  EXPECT_EQ(forwardEntry(8, SetName::of("Optical"), TS_DUMP, TRACE_SEVERITY_DBG, "o.c", 1, sizeof bytes, bytes,
+                         false),
+            0);
   const std::vector<PlatformCall> dumps = platformCalls("ZqSysLogPrintHD");
   ASSERT_EQ(dumps.size(), 1u);
   EXPECT_EQ(dumps[0].text, "QMB Optical DUMP");

@@ -131,9 +131,9 @@ struct RingWrite {
   bool forward;
 };
 
-// The writer's steps below are inlined into the two exported writers, so that
-// an entry passes one stack frame from the exported function to the ring.
-#define NODETRACE_WRITER_STEP [[gnu::always_inline]] inline
+// The writer's steps (writeToRing, writeEntry, addEntry) are always inlined
+// into the two exported writers' helper frames, so that an entry passes one
+// stack frame from the exported function to the ring.
 
 // Writes one entry into the ring of a user set (or of the snapshot of
 // "NVJ_System", whose slot is then computed inside the shared mapping from
@@ -141,8 +141,9 @@ struct RingWrite {
 // mapping's entry area or not word-aligned is refused without writing: a
 // damaged descriptor never makes the writer store outside the shared memory
 // or over its header and table.
-NODETRACE_WRITER_STEP RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType, const Call& c, const char* fileName,
-                      std::size_t fileNameLength, int result) noexcept {
+[[gnu::always_inline]] inline RingWrite writeToRing(TraceSetStruct* descriptor, std::uint32_t setType,
+                                                   const Call& c, const char* fileName,
+                                                   std::size_t fileNameLength, int result) noexcept {
   if (setType != c.type) return {TRACE_RC_TYPE_MISMATCH, c.length, false};
   std::uint32_t length = c.length;
   if (c.formattedText) {
@@ -211,7 +212,8 @@ NODETRACE_WRITER_STEP RingWrite writeToRing(TraceSetStruct* descriptor, std::uin
 }
 
 // Everything after the filters, with the base name found.
-NODETRACE_WRITER_STEP int writeEntry(const Call& c, const Checked& checked, const char* fileName, std::size_t fileNameLength) noexcept {
+[[gnu::always_inline]] inline int writeEntry(const Call& c, const Checked& checked, const char* fileName,
+                                             std::size_t fileNameLength) noexcept {
   int result = 0;
   TraceSetStruct* descriptor = checked.descriptor;
   const bool errorClass = (c.severity & kErrorClass) != 0;
@@ -266,7 +268,7 @@ NODETRACE_WRITER_STEP int writeEntry(const Call& c, const Checked& checked, cons
 
 // The writer after the enable flag: the filters (unless the caller applied
 // them), then the base name, then the entry.
-NODETRACE_WRITER_STEP int addEntry(const Call& c, Checked checked) noexcept {
+[[gnu::always_inline]] inline int addEntry(const Call& c, Checked checked) noexcept {
   if (!checked.lookedUp && (c.severity & kErrorClass) == 0) {
     if (!validTraceSetId(c.traceSetId)) return TRACE_RC_UNKNOWN_SET;
     checked.descriptor = descriptorOf(c.traceSetId);
