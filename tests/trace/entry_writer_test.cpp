@@ -680,6 +680,32 @@ TEST_F(WriterTest, ErrnoIsTheCallersAfterEveryCall) {
   EXPECT_EQ(errno, 4343);
 }
 
+// tracePrintf stores its text with the zeros after it up to the set's
+// length, whether the library formatted it, it ends early at a zero byte of
+// %c, or vsnprintf formatted it: no byte of a slot's earlier text and no
+// scratch byte of the formatter stays behind.
+TEST_F(WriterTest, FormattedTextIsStoredWithZerosUpToTheSetsLength) {
+  const std::int16_t id = createSet("Equip", TS_STRING, 1, 128);
+  const TraceSetStruct d = descriptor(id);
+  const auto set = static_cast<std::uint16_t>(id);
+  const auto expectStored = [&](const std::string& text, std::uint16_t length) {
+    Bytes expected(128, 0);
+    std::memcpy(expected.data(), text.data(), text.size());
+    const Slot s = slot(id, 0);
+    EXPECT_EQ(s.contents, expected) << text;
+    EXPECT_EQ(s.header.contentsLength, length) << text;
+  };
+  std::memset(g_process.base + d.dataOffset, 0xA5, getTraceEntrySize(d.traceEntryContentsLength));
+  tracePrintf(set, TRACE_SEVERITY_INF, 1, "e.c", 1, "value %d of %s", 42, "a sensor with a long name");
+  expectStored("value 42 of a sensor with a long name", 37);
+  tracePrintf(set, TRACE_SEVERITY_INF, 1, "e.c", 1, "ab%cde %s", 0, "more text");
+  expectStored("ab", 2);
+  tracePrintf(set, TRACE_SEVERITY_INF, 1, "e.c", 1, "%s ratio %.2f", "a fairly long prefix of the text", 0.5);
+  expectStored("a fairly long prefix of the text ratio 0.50", 43);
+  tracePrintf(set, TRACE_SEVERITY_INF, 1, "e.c", 1, "%s", std::string(200, 'x').c_str());
+  expectStored(std::string(127, 'x'), 127);
+}
+
 TEST_F(WriterTest, PercentMPrintsTheCallersErrno) {
   const std::int16_t id = createSet("Equip", TS_STRING, 4, 128);
   errno = ENOENT;
