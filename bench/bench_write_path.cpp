@@ -2,6 +2,7 @@
 // floor in the same run; the same cases are counted in instructions by
 // bench/callgrind_costs.sh. Ratios: divide a case's time by its floor's.
 #include <benchmark/benchmark.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -70,14 +71,79 @@ void BM_WritePath_ErrorEntry(benchmark::State& state) {
 }
 BENCHMARK(BM_WritePath_ErrorEntry);
 
+// The same scaling run for the floor: processes that each format, stamp and
+// copy entries into memory of their own, sharing nothing. Two of them against
+// one is the most that two writers of the library can reach on this machine.
+void BM_Floor_TextProcesses(benchmark::State& state) {
+  constexpr int kEntries = 200000;
+  const int writers = static_cast<int>(state.range(0));
+  for (auto _ : state) {
+    std::vector<pid_t> children;
+    for (int w = 0; w < writers; ++w) {
+      const pid_t child = fork();
+      if (child == 0) {
+        for (int i = 0; i < kEntries; ++i) floorText(i);
+        _exit(0);
+      }
+      children.push_back(child);
+    }
+    for (const pid_t child : children) waitpid(child, nullptr, 0);
+  }
+  state.SetItemsProcessed(state.iterations() * writers * kEntries);
+}
+BENCHMARK(BM_Floor_TextProcesses)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// The floor of the scaling run with the one thing every writer of the node
+// must share: the header's first cache line. Each entry reads the enable
+// flag and the severity filter there, does the floor's work, then advances
+// the sequence number and the link there, as the library does. Two of these
+// against one is what the line itself lets two writers reach.
+void BM_Floor_TextSharedLineProcesses(benchmark::State& state) {
+  constexpr int kEntries = 200000;
+  const int writers = static_cast<int>(state.range(0));
+  void* mapped = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (mapped == MAP_FAILED) std::abort();
+  auto* line = static_cast<std::uint32_t*>(mapped);
+  line[0] = 1;     // enabled
+  line[3] = ~0u;   // severity filter
+  for (auto _ : state) {
+    std::vector<pid_t> children;
+    for (int w = 0; w < writers; ++w) {
+      const pid_t child = fork();
+      if (child == 0) {
+        for (int i = 0; i < kEntries; ++i) {
+          if (__atomic_load_n(&line[0], __ATOMIC_RELAXED) == 0 ||
+              (__atomic_load_n(&line[3], __ATOMIC_RELAXED) & 0x10u) == 0) {
+            continue;
+          }
+          floorText(i);
+          __atomic_fetch_add(&line[1], 1u, __ATOMIC_RELAXED);
+          __atomic_exchange_n(&line[5], static_cast<std::uint32_t>(i), __ATOMIC_RELAXED);
+        }
+        _exit(0);
+      }
+      children.push_back(child);
+    }
+    for (const pid_t child : children) waitpid(child, nullptr, 0);
+  }
+  munmap(mapped, 4096);
+  state.SetItemsProcessed(state.iterations() * writers * kEntries);
+}
+BENCHMARK(BM_Floor_TextSharedLineProcesses)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
 // Writer processes, each on its own set, each storing kEntries entries; the
-// throughput of two against one shows how the writers scale over cores
-// (nothing but the node-wide sequence number and link is shared).
+// throughput of two against one shows how the writers scale over cores.
+// Arguments: the number of writers, and whether the second writer's set has
+// the next descriptor of the table (0) or one two places on (1). Descriptors
+// are 48 bytes, so the next set's name shares a cache line with this set's
+// counters: a writer reads its set's name for the feature tag on every
+// entry, and the other writer advances those counters on every entry.
 void BM_WritePath_WriterProcesses(benchmark::State& state) {
   constexpr int kEntries = 200000;
   const int writers = static_cast<int>(state.range(0));
+  const bool apart = state.range(1) != 0;
   std::vector<std::uint16_t> sets;
-  for (int w = 0; w < writers; ++w) sets.push_back(createOwnSet(w));
+  for (int w = 0; w < writers; ++w) sets.push_back(createOwnSet(w == 0 ? 0 : (apart ? 2 : 1)));
   for (auto _ : state) {
     std::vector<pid_t> children;
     for (int w = 0; w < writers; ++w) {
@@ -92,6 +158,11 @@ void BM_WritePath_WriterProcesses(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * writers * kEntries);
 }
-BENCHMARK(BM_WritePath_WriterProcesses)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WritePath_WriterProcesses)
+    ->Args({1, 0})
+    ->Args({2, 0})
+    ->Args({2, 1})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

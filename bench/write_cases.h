@@ -27,6 +27,9 @@ void errorEntry(int i);           // tracePrintf of a warning: the error trace s
 
 // Entries written into the text set of this process's own creation, for the
 // scaling run of several writer processes.
+// The sets are kOwnSets consecutive descriptors of the table; `writer`
+// picks one of them.
+constexpr int kOwnSets = 3;
 void storeIntoOwnSet(std::uint16_t set, int i);
 std::uint16_t createOwnSet(int writer);
 

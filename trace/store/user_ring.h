@@ -1,9 +1,9 @@
 // The ring of a user trace set in shared memory: the one place where an
 // entry is appended to it, by the entry writer and by the remote writer.
 //
-// One append claims the next slot and counts the entry, numbers it with the
-// node-wide sequence number, stores the contents, stamps the named fields of
-// the entry header and links the entry into the node-wide chain:
+// One append claims the next slot and counts the entry, stores the contents,
+// stamps the named fields of the entry header, numbers it with the node-wide
+// sequence number and links it into the node-wide chain:
 //
 //   descriptor bytes 40..47:  writeIndex | curentNumberEntries | totalNumberEntries
 //                             \______ one compare-exchange per entry ______/
@@ -86,8 +86,9 @@ inline Counters countersOf(std::uint64_t word) noexcept {
 }
 
 // The header's named fields, stored one by one into the slot.
+// The sequence number is stored apart, just before the link (appendEntry).
 inline void stampHeader(TraceEntryHeader* slot, const EntryFields& f, bool terminateName,
-                        std::uint32_t sequenceNumber, std::uint16_t contentsLength) noexcept {
+                        std::uint16_t contentsLength) noexcept {
   constexpr std::size_t kNameCharacters = TRACE_FILE_NAME_LENGTH - 1;  // 29
   auto* name = reinterpret_cast<std::uint8_t*>(slot->fileName);
   const std::size_t nameLength = f.fileNameLength < kNameCharacters ? f.fileNameLength : kNameCharacters;
@@ -97,7 +98,6 @@ inline void stampHeader(TraceEntryHeader* slot, const EntryFields& f, bool termi
   storeShared(&slot->pid, f.pid);
   storeShared(&slot->severity, static_cast<std::uint8_t>(f.severity));
   storeShared(&slot->category, f.category);
-  storeShared(&slot->sequenceNumber, sequenceNumber);
   storeShared(&slot->tid, f.tid);
   storeShared(&slot->monotonicTime.seconds, f.monotonicTime.seconds);
   storeShared(&slot->monotonicTime.nanoseconds, f.monotonicTime.nanoseconds);
@@ -166,13 +166,18 @@ template <typename StoreContents>
   const bool local = link == Link::kNewest;
   const Claim claim = claimSlot(descriptor, ring);
   if (claim.slot == nullptr) return false;
-  const std::uint32_t sequenceNumber = takeSequenceNumber(h);
   ring_detail::passPoint(local ? TestPoint::kUserSlotClaimed : TestPoint::kRemoteSlotClaimed);
   const std::uint16_t contentsLength = storeContents(claim.slot + TRACE_ENTRY_HEADER_SIZE);
   ring_detail::passPoint(local ? TestPoint::kUserContentsWritten : TestPoint::kRemoteContentsWritten);
   auto* slot = reinterpret_cast<TraceEntryHeader*>(claim.slot);
   // Local entries keep byte 29 of the name zero; a remote record leaves it.
-  ring_detail::stampHeader(slot, fields, local, sequenceNumber, contentsLength);
+  ring_detail::stampHeader(slot, fields, local, contentsLength);
+  // The sequence number and the link live in the node header's first cache
+  // line, which every writer of the node advances. Taking the number here,
+  // just before the link, makes the two read-modify-writes hit that line
+  // back to back: a writer on another core takes the line away once per
+  // entry, not twice.
+  storeShared(&slot->sequenceNumber, takeSequenceNumber(h));
   if (local) ring_detail::passPoint(TestPoint::kUserHeaderWritten);
   // The link comes last: an entry is published as the newest only once its
   // slot holds it.
