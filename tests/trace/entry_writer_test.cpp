@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "common/shared_fields.h"
+#include "common/test_points.h"
 #include "nodetrace/logbridge.h"
 #include "tests/support/node_test.h"
 #include "tests/trace/store_fixture.h"
@@ -369,6 +370,46 @@ TEST_F(WriterTest, ErrorTraceRecordsTakeSequenceNumbersToo) {
   EXPECT_EQ(s.header.sequenceNumber, 1u);
   EXPECT_EQ(s.header.prevTraceSetId, SYSTEM_TRACE_SET_ID);
   EXPECT_EQ(s.header.prevEntryIndex, 0);
+}
+
+// What the node header's counter and link hold at each step of one append.
+struct AppendStep {
+  TestPoint point;
+  std::uint32_t totalNumberTraceEntries;
+  std::uint16_t lastEntryIndex;
+};
+std::vector<AppendStep> g_appendSteps;
+
+void recordAppendStep(TestPoint point) {
+  if (point != TestPoint::kUserSlotClaimed && point != TestPoint::kUserContentsWritten &&
+      point != TestPoint::kUserHeaderWritten) {
+    return;
+  }
+  const TraceMemoryHeader* h = header();
+  g_appendSteps.push_back({point, loadShared(&h->totalNumberTraceEntries), loadShared(&h->lastEntryIndex)});
+}
+
+TEST_F(WriterTest, TheSequenceNumberIsTakenJustBeforeTheLink) {
+  // Both live in the header's first cache line: taken back to back, after
+  // the slot is filled, so that another core takes that line away once.
+  const std::int16_t id = createSet("Equip", TS_STRING, 4, 128);
+  tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_INF, 1, "c.c", 1, "first");
+  g_appendSteps.clear();
+  setTestPointHook(recordAppendStep);
+  tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_INF, 1, "c.c", 2, "second");
+  setTestPointHook(nullptr);
+
+  ASSERT_EQ(g_appendSteps.size(), 3u);
+  EXPECT_EQ(g_appendSteps[0].point, TestPoint::kUserSlotClaimed);
+  EXPECT_EQ(g_appendSteps[0].totalNumberTraceEntries, 1u);
+  EXPECT_EQ(g_appendSteps[1].point, TestPoint::kUserContentsWritten);
+  EXPECT_EQ(g_appendSteps[1].totalNumberTraceEntries, 1u);
+  // Numbered with the header stamped, not yet the newest entry.
+  EXPECT_EQ(g_appendSteps[2].point, TestPoint::kUserHeaderWritten);
+  EXPECT_EQ(g_appendSteps[2].totalNumberTraceEntries, 2u);
+  EXPECT_EQ(g_appendSteps[2].lastEntryIndex, 0);
+  EXPECT_EQ(slot(id, 1).header.sequenceNumber, 1u);
+  EXPECT_EQ(loadShared(&header()->lastEntryIndex), 1);
 }
 
 TEST_F(WriterTest, ErrorEntriesRacingUserEntriesNeverShareASequenceNumber) {
