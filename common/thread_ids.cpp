@@ -8,7 +8,7 @@ namespace nt {
 namespace ids_detail {
 
 std::atomic<pid_t> g_pid{0};
-thread_local pid_t t_tid [[gnu::tls_model("initial-exec")]] = 0;
+constinit thread_local pid_t t_tid [[gnu::tls_model("initial-exec")]] = 0;
 
 namespace {
 

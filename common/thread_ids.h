@@ -21,7 +21,9 @@ namespace nt {
 
 namespace ids_detail {
 extern std::atomic<pid_t> g_pid;
-extern thread_local pid_t t_tid [[gnu::tls_model("initial-exec")]];
+// constinit: no dynamic initialisation, so an access is one load, without
+// the check for a thread-local initialiser that C++ adds otherwise.
+extern constinit thread_local pid_t t_tid [[gnu::tls_model("initial-exec")]];
 pid_t fetchPid() noexcept;
 pid_t fetchTid() noexcept;
 }  // namespace ids_detail
