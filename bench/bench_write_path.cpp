@@ -71,18 +71,18 @@ void BM_WritePath_ErrorEntry(benchmark::State& state) {
 }
 BENCHMARK(BM_WritePath_ErrorEntry);
 
-// The same scaling run for the floor: processes that each format, stamp and
-// copy entries into memory of their own, sharing nothing. Two of them against
-// one is the most that two writers of the library can reach on this machine.
-void BM_Floor_TextProcesses(benchmark::State& state) {
-  constexpr int kEntries = 200000;
-  const int writers = static_cast<int>(state.range(0));
+// The scaling runs: `writers` processes forked per iteration, each calling
+// entry(writer, i) for kEntries entries; items are entries of all writers.
+constexpr int kEntries = 200000;
+
+template <typename Entry>
+void runWriterProcesses(benchmark::State& state, int writers, Entry entry) {
   for (auto _ : state) {
     std::vector<pid_t> children;
     for (int w = 0; w < writers; ++w) {
       const pid_t child = fork();
       if (child == 0) {
-        for (int i = 0; i < kEntries; ++i) floorText(i);
+        for (int i = 0; i < kEntries; ++i) entry(w, i);
         _exit(0);
       }
       children.push_back(child);
@@ -90,6 +90,13 @@ void BM_Floor_TextProcesses(benchmark::State& state) {
     for (const pid_t child : children) waitpid(child, nullptr, 0);
   }
   state.SetItemsProcessed(state.iterations() * writers * kEntries);
+}
+
+// The scaling run for the floor: processes that each format, stamp and copy
+// entries into memory of their own, sharing nothing. Two of them against one
+// is the most that two writers of the library can reach on this machine.
+void BM_Floor_TextProcesses(benchmark::State& state) {
+  runWriterProcesses(state, static_cast<int>(state.range(0)), [](int, int i) { floorText(i); });
 }
 BENCHMARK(BM_Floor_TextProcesses)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 
@@ -99,64 +106,37 @@ BENCHMARK(BM_Floor_TextProcesses)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark
 // the sequence number and the link there, as the library does. Two of these
 // against one is what the line itself lets two writers reach.
 void BM_Floor_TextSharedLineProcesses(benchmark::State& state) {
-  constexpr int kEntries = 200000;
-  const int writers = static_cast<int>(state.range(0));
   void* mapped = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (mapped == MAP_FAILED) std::abort();
   auto* line = static_cast<std::uint32_t*>(mapped);
-  line[0] = 1;     // enabled
-  line[3] = ~0u;   // severity filter
-  for (auto _ : state) {
-    std::vector<pid_t> children;
-    for (int w = 0; w < writers; ++w) {
-      const pid_t child = fork();
-      if (child == 0) {
-        for (int i = 0; i < kEntries; ++i) {
-          if (__atomic_load_n(&line[0], __ATOMIC_RELAXED) == 0 ||
-              (__atomic_load_n(&line[3], __ATOMIC_RELAXED) & 0x10u) == 0) {
-            continue;
-          }
-          floorText(i);
-          __atomic_fetch_add(&line[1], 1u, __ATOMIC_RELAXED);
-          __atomic_exchange_n(&line[5], static_cast<std::uint32_t>(i), __ATOMIC_RELAXED);
-        }
-        _exit(0);
-      }
-      children.push_back(child);
+  line[0] = 1;    // enabled
+  line[3] = ~0u;  // severity filter
+  runWriterProcesses(state, static_cast<int>(state.range(0)), [line](int, int i) {
+    if (__atomic_load_n(&line[0], __ATOMIC_RELAXED) == 0 ||
+        (__atomic_load_n(&line[3], __ATOMIC_RELAXED) & 0x10u) == 0) {
+      return;
     }
-    for (const pid_t child : children) waitpid(child, nullptr, 0);
-  }
+    floorText(i);
+    __atomic_fetch_add(&line[1], 1u, __ATOMIC_RELAXED);
+    __atomic_exchange_n(&line[5], static_cast<std::uint32_t>(i), __ATOMIC_RELAXED);
+  });
   munmap(mapped, 4096);
-  state.SetItemsProcessed(state.iterations() * writers * kEntries);
 }
 BENCHMARK(BM_Floor_TextSharedLineProcesses)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 
-// Writer processes, each on its own set, each storing kEntries entries; the
-// throughput of two against one shows how the writers scale over cores.
-// Arguments: the number of writers, and whether the second writer's set has
-// the next descriptor of the table (0) or one two places on (1). Descriptors
-// are 48 bytes, so the next set's name shares a cache line with this set's
+// Writer processes of the library, each on its own set. Arguments: the
+// number of writers, and whether the second writer's set has the next
+// descriptor of the table (0) or one two places on (1). Descriptors are 48
+// bytes, so the next set's name shares a cache line with this set's
 // counters: a writer reads its set's name for the feature tag on every
 // entry, and the other writer advances those counters on every entry.
 void BM_WritePath_WriterProcesses(benchmark::State& state) {
-  constexpr int kEntries = 200000;
   const int writers = static_cast<int>(state.range(0));
   const bool apart = state.range(1) != 0;
   std::vector<std::uint16_t> sets;
   for (int w = 0; w < writers; ++w) sets.push_back(createOwnSet(w == 0 ? 0 : (apart ? 2 : 1)));
-  for (auto _ : state) {
-    std::vector<pid_t> children;
-    for (int w = 0; w < writers; ++w) {
-      const pid_t child = fork();
-      if (child == 0) {
-        for (int i = 0; i < kEntries; ++i) storeIntoOwnSet(sets[static_cast<std::size_t>(w)], i);
-        _exit(0);
-      }
-      children.push_back(child);
-    }
-    for (const pid_t child : children) waitpid(child, nullptr, 0);
-  }
-  state.SetItemsProcessed(state.iterations() * writers * kEntries);
+  runWriterProcesses(state, writers,
+                     [&sets](int w, int i) { storeIntoOwnSet(sets[static_cast<std::size_t>(w)], i); });
 }
 BENCHMARK(BM_WritePath_WriterProcesses)
     ->Args({1, 0})
