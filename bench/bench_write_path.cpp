@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "bench/write_cases.h"
+#include "nodetrace/nodetrace.h"
 
 namespace {
 
@@ -108,17 +109,19 @@ BENCHMARK(BM_Floor_TextProcesses)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark
 void BM_Floor_TextSharedLineProcesses(benchmark::State& state) {
   void* mapped = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (mapped == MAP_FAILED) std::abort();
-  auto* line = static_cast<std::uint32_t*>(mapped);
-  line[0] = 1;    // enabled
-  line[3] = ~0u;  // severity filter
-  runWriterProcesses(state, static_cast<int>(state.range(0)), [line](int, int i) {
-    if (__atomic_load_n(&line[0], __ATOMIC_RELAXED) == 0 ||
-        (__atomic_load_n(&line[3], __ATOMIC_RELAXED) & 0x10u) == 0) {
+  // The node's own header, in a page of its own shared by the writers.
+  auto* h = static_cast<TraceMemoryHeader*>(mapped);
+  h->traceEnabled = 1;
+  h->severityMask = 0xFF;
+  auto* link = reinterpret_cast<std::uint32_t*>(&h->lastTraceSetId);  // set and slot, one word
+  runWriterProcesses(state, static_cast<int>(state.range(0)), [h, link](int, int i) {
+    if (__atomic_load_n(&h->traceEnabled, __ATOMIC_RELAXED) == 0 ||
+        (__atomic_load_n(&h->severityMask, __ATOMIC_RELAXED) & TRACE_SEVERITY_INF) == 0) {
       return;
     }
     floorText(i);
-    __atomic_fetch_add(&line[1], 1u, __ATOMIC_RELAXED);
-    __atomic_exchange_n(&line[5], static_cast<std::uint32_t>(i), __ATOMIC_RELAXED);
+    __atomic_fetch_add(&h->totalNumberTraceEntries, 1u, __ATOMIC_RELAXED);
+    __atomic_exchange_n(link, static_cast<std::uint32_t>(i), __ATOMIC_RELAXED);
   });
   munmap(mapped, 4096);
 }

@@ -159,7 +159,7 @@ std::uint16_t createOwnSet(int writer) {
   // in the table whichever benchmark runs first.
   static const std::array<std::uint16_t, kOwnSets> created = [] {
     std::array<std::uint16_t, kOwnSets> ids{};
-    for (int w = 0; w < kOwnSets; ++w) ids[static_cast<std::size_t>(w)] = create(hbk_syslog_map[2 + w].name, TS_STRING, 1000, 128);
+    for (std::size_t w = 0; w < ids.size(); ++w) ids[w] = create(hbk_syslog_map[2 + w].name, TS_STRING, 1000, 128);
     return ids;
   }();
   return created.at(static_cast<std::size_t>(writer));

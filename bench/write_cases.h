@@ -25,10 +25,9 @@ void filteredTracePrintf(int i);  // tracePrintf refused by the severity filter
 void filteredAddTraceEntry();     // addTraceEntry refused by the severity filter
 void errorEntry(int i);           // tracePrintf of a warning: the error trace set in the SRAM file
 
-// Entries written into the text set of this process's own creation, for the
-// scaling run of several writer processes.
-// The sets are kOwnSets consecutive descriptors of the table; `writer`
-// picks one of them.
+// Entries written into text sets of this process's own creation, for the
+// scaling runs of several writer processes: kOwnSets sets whose descriptors
+// follow one another in the table; `writer` picks one of them.
 constexpr int kOwnSets = 3;
 void storeIntoOwnSet(std::uint16_t set, int i);
 std::uint16_t createOwnSet(int writer);

@@ -109,9 +109,6 @@ if(NODETRACE_LTO AND NODETRACE_SANITIZE STREQUAL "" AND NOT CMAKE_BUILD_TYPE STR
     message(STATUS "nodetrace: no link-time optimisation with this toolchain")
   endif()
 endif()
-if(nodetrace_lto)
-  set_property(TARGET nodetrace_objects PROPERTY INTERPROCEDURAL_OPTIMIZATION ON)
-endif()
 
 add_library(nodetrace SHARED $<TARGET_OBJECTS:nodetrace_objects>)
 add_library(nodetrace::nodetrace ALIAS nodetrace)
@@ -140,5 +137,5 @@ target_include_directories(nodetrace_testable PUBLIC
   ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR})
 target_link_libraries(nodetrace_testable PUBLIC nodeplatform_headers Threads::Threads)
 if(nodetrace_lto)
-  set_property(TARGET nodetrace nodetrace_testable PROPERTY INTERPROCEDURAL_OPTIMIZATION ON)
+  set_property(TARGET nodetrace_objects nodetrace nodetrace_testable PROPERTY INTERPROCEDURAL_OPTIMIZATION ON)
 endif()

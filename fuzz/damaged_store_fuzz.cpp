@@ -20,12 +20,10 @@
 // may touch and no input fills, must still be zero afterwards.
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -36,6 +34,7 @@
 #include "fuzz/temporary_node.h"
 #include "nodetrace/nodetrace.h"
 #include "trace/reading/entry_search.h"
+#include "trace/store/lock_holder.h"
 #include "trace/store/startup.h"
 
 namespace {
@@ -160,16 +159,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::memcpy(base + TRACE_ENTRY_AREA_OFFSET, data + kEntryAreaAt, std::min(size - kEntryAreaAt, kMaxEntryBytes));
   }
 
-  // A lock holder recorded in the damaged header that may still be alive (a
-  // live tid, or a value that is no tid at all) makes every locked operation
-  // wait out the lock's real 5-second deadline before it reports starvation.
-  // That is the lock's rule, which its own tests cover; here it would stall
-  // the fuzzer for minutes per input. Such a record is cleared; one naming a
-  // thread that does not exist is kept, and released as a dead holder's.
+  // A lock holder recorded in the damaged header that the lock does not
+  // take for gone (a live tid, or a value that is no tid at all) makes every
+  // locked operation wait out the lock's real 5-second deadline before it
+  // reports starvation. That is the lock's rule, which its own tests cover;
+  // here it would stall the fuzzer for minutes per input. Such a record is
+  // cleared; one the lock takes for gone is kept, and released as a dead
+  // holder's.
   auto* header = reinterpret_cast<TraceMemoryHeader*>(base);
-  std::int32_t holder = 0;
-  std::memcpy(&holder, &header->lockHolderTid, sizeof holder);
-  if (holder != 0 && !(holder > 0 && kill(holder, 0) == -1 && errno == ESRCH)) {
+  const nt::HolderIdentity holder = nt::loadHolder(header);
+  if (nt::holderTid(holder) != 0 && !nt::holderIsGone(holder)) {
     std::memset(&header->lockHolderTid, 0, sizeof header->lockHolderTid);
   }
 

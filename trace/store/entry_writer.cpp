@@ -145,10 +145,10 @@ struct RingWrite {
                                                    const Call& c, const char* fileName,
                                                    std::size_t fileNameLength, int result) noexcept {
   if (setType != c.type) return {TRACE_RC_TYPE_MISMATCH, c.length, false};
+  // tracePrintf's formatted text comes with its length; other text is
+  // measured here.
   std::uint32_t length = c.length;
-  if (c.formattedText) {
-    length = c.length;
-  } else if (c.type == TS_STRING) {
+  if (!c.formattedText && c.type == TS_STRING) {
     length = c.contents == nullptr ? 0u : static_cast<std::uint16_t>(std::strlen(static_cast<const char*>(c.contents)));
   }
 
