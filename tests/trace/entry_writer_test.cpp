@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 #include <libgen.h>
 #include <printf.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -254,6 +255,34 @@ TEST_F(WriterTest, AwkwardPathsGiveTheXpgBaseNameStoredAndForwarded) {
     EXPECT_EQ(lines[0].text, expected + ":7 [x]");
     ++index;
   }
+}
+
+// The writer reads a short name in whole 16-byte blocks where they stay
+// inside one page. Names that end on the last byte of a page, with an
+// unreadable page after it, must be stored and forwarded exactly, with
+// nothing read past their page.
+TEST_F(WriterTest, FileNamesEndingAtTheEndOfAPageAreStoredWithoutReadingPastIt) {
+  const std::int16_t id = createSet("Equip", TS_STRING, 64, 128);
+  const auto pageSize = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  void* map = mmap(nullptr, 2 * pageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(map, MAP_FAILED);
+  auto* pages = static_cast<char*>(map);
+  ASSERT_EQ(mprotect(pages + pageSize, pageSize, PROT_NONE), 0);
+  for (std::size_t length = 1; length <= 40; ++length) {
+    SCOPED_TRACE(length);
+    const std::string path = "dir/" + pattern(length);
+    char* copy = pages + pageSize - (path.size() + 1);
+    std::memcpy(copy, path.c_str(), path.size() + 1);
+    clearPlatformCalls();
+    ASSERT_EQ(tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_INF, 1, copy, 3, "x"), 0);
+    char stored[30] = {};
+    std::memcpy(stored, path.c_str() + 4, std::min<std::size_t>(length, 29));
+    EXPECT_EQ(0, std::memcmp(slot(id, static_cast<unsigned>(length - 1)).header.fileName, stored, sizeof stored));
+    const auto lines = platformCalls("ZqSysLogPrintE");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].text, pattern(length) + ":3 [x]");
+  }
+  munmap(map, 2 * pageSize);
 }
 
 TEST_F(WriterTest, UnusedHeaderBytesKeepWhatTheSlotHeld) {

@@ -63,7 +63,7 @@ struct BaseName {
   bool terminated;
 };
 
-BaseName findBaseName(const char* file) noexcept {
+[[gnu::always_inline]] inline BaseName findBaseName(const char* file) noexcept {
   if (file == nullptr || file[0] == '\0') return {".", 1, true};
   const std::size_t pathLength = strnlen(file, kPathLimit);
   const char* end = file + pathLength;
@@ -331,50 +331,77 @@ inline Look lookAt(std::uint16_t traceSetId, std::uint32_t severity, std::uint32
 namespace nt {
 namespace {
 
-// The rest of addTraceEntry once the first look did not refuse the entry;
-// apart from the exported function, so that a refused call does not pay
-// for this part's stack frame and saved registers.
-[[gnu::noinline]] int addTraceEntryPastTheGate(Look look, std::uint16_t traceSetId, std::uint32_t type,
-                                               std::uint32_t severity, std::uint32_t category, const char* file,
-                                               std::int32_t line, std::va_list args) noexcept {
+// The rest of a call once the first look let it through, apart from the
+// exported function, so that a refused call does not pay for this part's
+// stack frame and saved registers. Two helpers per writer, each a copy of
+// the same inline steps: the usual call, whose filters the first look
+// passed (`...Stored`: the compiler sees the set checked and folds the
+// checks away), and every other one (`...Undecided`), which checks it all.
+
+[[gnu::noinline]] int addTraceEntryStored(TraceSetStruct* descriptor, std::uint16_t traceSetId, std::uint32_t type,
+                                          std::uint32_t severity, std::uint32_t category, const char* file,
+                                          std::int32_t line, std::va_list args) noexcept {
   const ErrnoGuard keepErrno;
   const auto length = static_cast<std::uint16_t>(va_arg(args, int));
   const void* contents = va_arg(args, const void*);
-  const Call call{traceSetId, type, severity, category, file, line, length, contents};
-  if (look.gate == Gate::kStore) return addEntry(call, {true, look.descriptor});
-  if (!traceEnabled()) return 0;
-  return addEntry(call, {});
+  return addEntry({traceSetId, type, severity, category, file, line, length, contents}, {true, descriptor});
 }
 
-// The format is the caller's printf format (checked by the compiler where
-// tracePrintf is called), handed on with its arguments.
-[[gnu::noinline, gnu::format(printf, 7, 0)]] int tracePrintfPastTheGate(
-    Look look, std::uint16_t traceSetId, std::uint32_t severity, std::uint32_t category, const char* file,
-    std::int32_t line, const char* format, std::va_list args) noexcept {
+[[gnu::noinline]] int addTraceEntryUndecided(std::uint16_t traceSetId, std::uint32_t type, std::uint32_t severity,
+                                             std::uint32_t category, const char* file, std::int32_t line,
+                                             std::va_list args) noexcept {
+  const ErrnoGuard keepErrno;
+  const auto length = static_cast<std::uint16_t>(va_arg(args, int));
+  const void* contents = va_arg(args, const void*);
+  if (!traceEnabled()) return 0;
+  return addEntry({traceSetId, type, severity, category, file, line, length, contents}, {});
+}
+
+// The text of a tracePrintf call, formatted into text: its length, 0 for a
+// null format (an empty entry). The format is the caller's printf format
+// (checked by the compiler where tracePrintf is called).
+[[gnu::always_inline, gnu::format(printf, 2, 0)]] inline std::size_t formatCall(EntryTextBuffer& text,
+                                                                               const char* format,
+                                                                               std::va_list args) noexcept {
+  if (format == nullptr) {
+    text.text[0] = '\0';
+    return 0;
+  }
+  return formatEntryText(text, format, args);
+}
+
+[[gnu::noinline, gnu::format(printf, 7, 0)]] int tracePrintfStored(
+    TraceSetStruct* descriptor, std::uint16_t traceSetId, std::uint32_t severity, std::uint32_t category,
+    const char* file, std::int32_t line, const char* format, std::va_list args) noexcept {
+  const ErrnoGuard keepErrno;
+  EntryTextBuffer text;
+  const std::size_t length = formatCall(text, format, args);
+  return addEntry({traceSetId, TS_STRING, severity, category, file, line, static_cast<std::uint32_t>(length),
+                   text.text, format != nullptr},
+                  {true, descriptor});
+}
+
+[[gnu::noinline, gnu::format(printf, 6, 0)]] int tracePrintfUndecided(std::uint16_t traceSetId,
+                                                                     std::uint32_t severity, std::uint32_t category,
+                                                                     const char* file, std::int32_t line,
+                                                                     const char* format, std::va_list args) noexcept {
   const ErrnoGuard keepErrno;
   const int callerErrno = errno;
-  Checked checked{look.gate == Gate::kStore, look.descriptor};
-  if (!checked.lookedUp) {
-    if (!traceEnabled()) return 0;
-    // An error (0x80) or an entry of set 255 is formatted unlooked-at, as
-    // it goes to the error trace set whatever the filters.
-    if (traceSetId != SYSTEM_TRACE_SET_ID && severity != TRACE_SEVERITY_ERR) {
-      if (!validTraceSetId(traceSetId)) return TRACE_RC_UNKNOWN_SET;
-      checked.descriptor = descriptorOf(traceSetId);
-      checked.lookedUp = true;
-      if (checked.descriptor != nullptr && !passesFilters(severity, category, checked.descriptor)) return 0;
-    }
+  if (!traceEnabled()) return 0;
+  Checked checked;
+  // An error (0x80) or an entry of set 255 is formatted unlooked-at, as it
+  // goes to the error trace set whatever the filters.
+  if (traceSetId != SYSTEM_TRACE_SET_ID && severity != TRACE_SEVERITY_ERR) {
+    if (!validTraceSetId(traceSetId)) return TRACE_RC_UNKNOWN_SET;
+    checked.descriptor = descriptorOf(traceSetId);
+    checked.lookedUp = true;
+    if (checked.descriptor != nullptr && !passesFilters(severity, category, checked.descriptor)) return 0;
   }
+  // "%m" in the format prints the caller's errno, not one left behind by
+  // the start-up above.
+  errno = callerErrno;
   EntryTextBuffer text;
-  std::size_t length = 0;
-  if (format != nullptr) {  // a null format gives an empty entry
-    // "%m" in the format prints the caller's errno, not one left behind by
-    // the start-up above.
-    errno = callerErrno;
-    length = formatEntryText(text, format, args);
-  } else {
-    text.text[0] = '\0';
-  }
+  const std::size_t length = formatCall(text, format, args);
   return addEntry({traceSetId, TS_STRING, severity, category, file, line, static_cast<std::uint32_t>(length),
                    text.text, format != nullptr},
                   checked);
@@ -392,7 +419,10 @@ NODETRACE_API int addTraceEntry(uint16_t traceSetId, uint32_t type, uint32_t sev
   if (look.gate == nt::Gate::kDrop) return 0;
   va_list args;
   va_start(args, line);
-  const int result = nt::addTraceEntryPastTheGate(look, traceSetId, type, severity, category, file, line, args);
+  const int result =
+      look.gate == nt::Gate::kStore
+          ? nt::addTraceEntryStored(look.descriptor, traceSetId, type, severity, category, file, line, args)
+          : nt::addTraceEntryUndecided(traceSetId, type, severity, category, file, line, args);
   va_end(args);
   return result;
 }
@@ -405,7 +435,10 @@ NODETRACE_API int tracePrintf(uint16_t traceSetId, uint32_t severity, uint32_t c
   if (look.gate == nt::Gate::kDrop) return 0;
   va_list args;
   va_start(args, format);
-  const int result = nt::tracePrintfPastTheGate(look, traceSetId, severity, category, file, line, format, args);
+  const int result =
+      look.gate == nt::Gate::kStore
+          ? nt::tracePrintfStored(look.descriptor, traceSetId, severity, category, file, line, format, args)
+          : nt::tracePrintfUndecided(traceSetId, severity, category, file, line, format, args);
   va_end(args);
   return result;
 }

@@ -562,13 +562,30 @@ int formatText(char* dst, std::size_t size, const char* format, va_list args) no
   return static_cast<int>(length);
 }
 
+// The whole buffer zeroed with 16-byte stores: a handful of instructions,
+// where the compiler's own choice for this size (a repeated string store)
+// pays a start-up cost on every entry.
+namespace {
+void clearEntryText(EntryTextBuffer& buffer) noexcept {
+  using Block = unsigned char __attribute__((vector_size(kBlock)));
+  static_assert(sizeof buffer.text % kBlock == 0);
+  const Block zeros{};
+  for (std::size_t i = 0; i < sizeof buffer.text; i += kBlock) {
+    // Kept as separate stores: the compiler would merge a plain loop of
+    // them back into the string store.
+    asm("" : : "g"(i));
+    std::memcpy(buffer.text + i, &zeros, kBlock);
+  }
+}
+}  // namespace
+
 std::size_t formatEntryText(EntryTextBuffer& buffer, const char* format, va_list args) noexcept {
   static_assert(kEntryTextScratch >= kBlock && kEntryTextScratch >= sizeof(Word));
   // Zeroed whole first (a few fixed-size stores); the pass then writes the
   // text, and its scratch writes reach at most kBlock bytes past the start
   // of the piece being written, so past the end of the text only the
   // kBlock bytes that follow it need clearing again.
-  std::memset(buffer.text, 0, sizeof buffer.text);
+  clearEntryText(buffer);
   Output out{buffer.text, kEntryTextSize - 1, sizeof buffer.text};
   va_list ap;
   va_copy(ap, args);

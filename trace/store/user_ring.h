@@ -92,8 +92,7 @@ inline void stampHeader(TraceEntryHeader* slot, const EntryFields& f, bool termi
   constexpr std::size_t kNameCharacters = TRACE_FILE_NAME_LENGTH - 1;  // 29
   auto* name = reinterpret_cast<std::uint8_t*>(slot->fileName);
   const std::size_t nameLength = f.fileNameLength < kNameCharacters ? f.fileNameLength : kNameCharacters;
-  copyToSlot(name, f.fileName, nameLength);
-  zeroSlot(name + nameLength, (terminateName ? TRACE_FILE_NAME_LENGTH : kNameCharacters) - nameLength);
+  stampName(name, f.fileName, nameLength, terminateName ? TRACE_FILE_NAME_LENGTH : kNameCharacters);
   storeShared(&slot->line, f.line);
   storeShared(&slot->pid, f.pid);
   storeShared(&slot->severity, static_cast<std::uint8_t>(f.severity));
