@@ -73,6 +73,7 @@ inline void stampName(std::uint8_t* field, const char* name, std::size_t length,
     std::memcpy(bytes, &low, sizeof low);
     std::memcpy(bytes + sizeof low, &high, sizeof high);
     if (fieldBytes == TRACE_FILE_NAME_LENGTH) {
+      // The local entry's whole field: a copy of a size the compiler knows.
       std::memcpy(field, bytes, TRACE_FILE_NAME_LENGTH);
     } else {
       std::memcpy(field, bytes, fieldBytes);
