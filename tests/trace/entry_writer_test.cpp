@@ -144,6 +144,27 @@ TEST_F(WriterTest, EmptyTextIsReportedInTheErrorTraceSetAndWritesNothing) {
   EXPECT_TRUE(platformCalls("ZqSysLogPrintE").empty());  // nothing forwarded
 }
 
+// A null format is an empty entry, also on the usual way of a call, that of
+// a set whose filters the first look passed.
+TEST_F(WriterTest, NullFormatIsAnEmptyEntryReportedInTheErrorTraceSet) {
+  const std::int16_t id = createSet("Equip", TS_STRING, 4, 128);
+  const Bytes before = slot(id, 0).contents;
+  const char* const noFormat = nullptr;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+  EXPECT_EQ(tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_INF, 1, "/x/y/null.c", 78, noFormat), 0);
+#pragma GCC diagnostic pop
+  EXPECT_EQ(slot(id, 0).contents, before);
+  EXPECT_EQ(descriptor(id).totalNumberEntries, 0u);
+  ASSERT_EQ(errorEntries(), 1);
+  const SramEntry record = readSramEntry(sram(), 0, 0);
+  EXPECT_EQ(record.text(), "Equip: Trying to add empty trace entry");
+  EXPECT_STREQ(record.header.fileName, "null.c");
+  EXPECT_EQ(record.header.line, 78);
+  EXPECT_TRUE(platformCalls("ZqSysLogPrintE").empty());  // nothing forwarded
+}
+
 TEST_F(WriterTest, EmptyDumpIsReportedInTheErrorTraceSetAndWritesNothing) {
   const std::int16_t id = createSet("Dumps", TS_DUMP, 4, 64);
   const Bytes data(8, 0x11);
