@@ -35,6 +35,27 @@ namespace {
 class WriterTest : public StoreTest {
  protected:
   std::uint16_t errorEntries() const { return readSramDescriptor(sram(), 0).curentNumberEntries; }
+
+  // An empty text entry of the text set id ("Equip"), called from fileName
+  // at line: nothing stored in the set (its first slot's contents still
+  // `before`), nothing forwarded, one record in the error trace set.
+  void expectEmptyEntryReported(std::int16_t id, const Bytes& before, const char* fileName, std::int32_t line) {
+    EXPECT_EQ(slot(id, 0).contents, before);
+    const TraceSetStruct d = descriptor(id);
+    EXPECT_EQ(d.writeIndex, 0);
+    EXPECT_EQ(d.curentNumberEntries, 0);
+    EXPECT_EQ(d.totalNumberEntries, 0u);
+    EXPECT_EQ(getTotalNumberTraceEntries(), 1u);  // the record in the error trace set
+
+    ASSERT_EQ(errorEntries(), 1);
+    const SramEntry record = readSramEntry(sram(), 0, 0);
+    EXPECT_EQ(record.text(), "Equip: Trying to add empty trace entry");
+    EXPECT_STREQ(record.header.fileName, fileName);
+    EXPECT_EQ(record.header.line, line);
+    EXPECT_EQ(record.header.severity, 0x08);
+    EXPECT_EQ(record.header.category, 0x80000001u);
+    EXPECT_TRUE(platformCalls("ZqSysLogPrintE").empty());  // nothing forwarded
+  }
 };
 
 std::string pattern(std::size_t length) {
@@ -127,21 +148,7 @@ TEST_F(WriterTest, EmptyTextIsReportedInTheErrorTraceSetAndWritesNothing) {
   const std::int16_t id = createSet("Equip", TS_STRING, 4, 128);
   const Bytes before = slot(id, 0).contents;
   EXPECT_EQ(tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_INF, 1, "/x/y/empty.c", 77, "%s", ""), 0);
-  EXPECT_EQ(slot(id, 0).contents, before);
-  const TraceSetStruct d = descriptor(id);
-  EXPECT_EQ(d.writeIndex, 0);
-  EXPECT_EQ(d.curentNumberEntries, 0);
-  EXPECT_EQ(d.totalNumberEntries, 0u);
-  EXPECT_EQ(getTotalNumberTraceEntries(), 1u);  // the record in the error trace set
-
-  ASSERT_EQ(errorEntries(), 1);
-  const SramEntry record = readSramEntry(sram(), 0, 0);
-  EXPECT_EQ(record.text(), "Equip: Trying to add empty trace entry");
-  EXPECT_STREQ(record.header.fileName, "empty.c");
-  EXPECT_EQ(record.header.line, 77);
-  EXPECT_EQ(record.header.severity, 0x08);
-  EXPECT_EQ(record.header.category, 0x80000001u);
-  EXPECT_TRUE(platformCalls("ZqSysLogPrintE").empty());  // nothing forwarded
+  expectEmptyEntryReported(id, before, "empty.c", 77);
 }
 
 // A null format is an empty entry, also on the usual way of a call, that of
@@ -155,14 +162,7 @@ TEST_F(WriterTest, NullFormatIsAnEmptyEntryReportedInTheErrorTraceSet) {
 #pragma GCC diagnostic ignored "-Wformat-security"
   EXPECT_EQ(tracePrintf(static_cast<std::uint16_t>(id), TRACE_SEVERITY_INF, 1, "/x/y/null.c", 78, noFormat), 0);
 #pragma GCC diagnostic pop
-  EXPECT_EQ(slot(id, 0).contents, before);
-  EXPECT_EQ(descriptor(id).totalNumberEntries, 0u);
-  ASSERT_EQ(errorEntries(), 1);
-  const SramEntry record = readSramEntry(sram(), 0, 0);
-  EXPECT_EQ(record.text(), "Equip: Trying to add empty trace entry");
-  EXPECT_STREQ(record.header.fileName, "null.c");
-  EXPECT_EQ(record.header.line, 78);
-  EXPECT_TRUE(platformCalls("ZqSysLogPrintE").empty());  // nothing forwarded
+  expectEmptyEntryReported(id, before, "null.c", 78);
 }
 
 TEST_F(WriterTest, EmptyDumpIsReportedInTheErrorTraceSetAndWritesNothing) {

@@ -333,75 +333,56 @@ namespace {
 
 // The rest of a call once the first look let it through, apart from the
 // exported function, so that a refused call does not pay for this part's
-// stack frame and saved registers. Two helpers per writer, each a copy of
-// the same inline steps: the usual call, whose filters the first look
-// passed (`...Stored`: the compiler sees the set checked and folds the
-// checks away), and every other one (`...Undecided`), which checks it all.
+// stack frame and saved registers. Each writer's helper is instantiated
+// twice: for the usual call (`kPassed`: a user set whose filters the first
+// look passed, its descriptor given; the compiler sees the set checked and
+// folds every check of it away) and for every other call, which checks it
+// all.
 
-[[gnu::noinline]] int addTraceEntryStored(TraceSetStruct* descriptor, std::uint16_t traceSetId, std::uint32_t type,
-                                          std::uint32_t severity, std::uint32_t category, const char* file,
-                                          std::int32_t line, std::va_list args) noexcept {
+template <bool kPassed>
+[[gnu::noinline]] int addTraceEntryPastTheGate(TraceSetStruct* descriptor, std::uint16_t traceSetId,
+                                               std::uint32_t type, std::uint32_t severity, std::uint32_t category,
+                                               const char* file, std::int32_t line, std::va_list args) noexcept {
   const ErrnoGuard keepErrno;
   const auto length = static_cast<std::uint16_t>(va_arg(args, int));
   const void* contents = va_arg(args, const void*);
-  return addEntry({traceSetId, type, severity, category, file, line, length, contents}, {true, descriptor});
-}
-
-[[gnu::noinline]] int addTraceEntryUndecided(std::uint16_t traceSetId, std::uint32_t type, std::uint32_t severity,
-                                             std::uint32_t category, const char* file, std::int32_t line,
-                                             std::va_list args) noexcept {
-  const ErrnoGuard keepErrno;
-  const auto length = static_cast<std::uint16_t>(va_arg(args, int));
-  const void* contents = va_arg(args, const void*);
-  if (!traceEnabled()) return 0;
-  return addEntry({traceSetId, type, severity, category, file, line, length, contents}, {});
-}
-
-// The text of a tracePrintf call, formatted into text: its length, 0 for a
-// null format (an empty entry). The format is the caller's printf format
-// (checked by the compiler where tracePrintf is called).
-[[gnu::always_inline, gnu::format(printf, 2, 0)]] inline std::size_t formatCall(EntryTextBuffer& text,
-                                                                               const char* format,
-                                                                               std::va_list args) noexcept {
-  if (format == nullptr) {
-    text.text[0] = '\0';
-    return 0;
+  if constexpr (!kPassed) {
+    if (!traceEnabled()) return 0;
   }
-  return formatEntryText(text, format, args);
+  return addEntry({traceSetId, type, severity, category, file, line, length, contents}, {kPassed, descriptor});
 }
 
-[[gnu::noinline, gnu::format(printf, 7, 0)]] int tracePrintfStored(
+// The format is the caller's printf format (checked by the compiler where
+// tracePrintf is called), handed on with its arguments; a null format
+// gives an empty entry.
+template <bool kPassed>
+[[gnu::noinline, gnu::format(printf, 7, 0)]] int tracePrintfPastTheGate(
     TraceSetStruct* descriptor, std::uint16_t traceSetId, std::uint32_t severity, std::uint32_t category,
     const char* file, std::int32_t line, const char* format, std::va_list args) noexcept {
   const ErrnoGuard keepErrno;
-  EntryTextBuffer text;
-  const std::size_t length = formatCall(text, format, args);
-  return addEntry({traceSetId, TS_STRING, severity, category, file, line, static_cast<std::uint32_t>(length),
-                   text.text, format != nullptr},
-                  {true, descriptor});
-}
-
-[[gnu::noinline, gnu::format(printf, 6, 0)]] int tracePrintfUndecided(std::uint16_t traceSetId,
-                                                                     std::uint32_t severity, std::uint32_t category,
-                                                                     const char* file, std::int32_t line,
-                                                                     const char* format, std::va_list args) noexcept {
-  const ErrnoGuard keepErrno;
-  const int callerErrno = errno;
-  if (!traceEnabled()) return 0;
-  Checked checked;
-  // An error (0x80) or an entry of set 255 is formatted unlooked-at, as it
-  // goes to the error trace set whatever the filters.
-  if (traceSetId != SYSTEM_TRACE_SET_ID && severity != TRACE_SEVERITY_ERR) {
-    if (!validTraceSetId(traceSetId)) return TRACE_RC_UNKNOWN_SET;
-    checked.descriptor = descriptorOf(traceSetId);
-    checked.lookedUp = true;
-    if (checked.descriptor != nullptr && !passesFilters(severity, category, checked.descriptor)) return 0;
+  Checked checked{kPassed, descriptor};
+  if constexpr (!kPassed) {
+    const int callerErrno = errno;
+    if (!traceEnabled()) return 0;
+    // An error (0x80) or an entry of set 255 is formatted unlooked-at, as
+    // it goes to the error trace set whatever the filters.
+    if (traceSetId != SYSTEM_TRACE_SET_ID && severity != TRACE_SEVERITY_ERR) {
+      if (!validTraceSetId(traceSetId)) return TRACE_RC_UNKNOWN_SET;
+      checked.descriptor = descriptorOf(traceSetId);
+      checked.lookedUp = true;
+      if (checked.descriptor != nullptr && !passesFilters(severity, category, checked.descriptor)) return 0;
+    }
+    // "%m" in the format prints the caller's errno, not one left behind by
+    // the start-up above.
+    errno = callerErrno;
   }
-  // "%m" in the format prints the caller's errno, not one left behind by
-  // the start-up above.
-  errno = callerErrno;
   EntryTextBuffer text;
-  const std::size_t length = formatCall(text, format, args);
+  std::size_t length = 0;
+  if (format != nullptr) {
+    length = formatEntryText(text, format, args);
+  } else {
+    text.text[0] = '\0';
+  }
   return addEntry({traceSetId, TS_STRING, severity, category, file, line, static_cast<std::uint32_t>(length),
                    text.text, format != nullptr},
                   checked);
@@ -421,8 +402,8 @@ NODETRACE_API int addTraceEntry(uint16_t traceSetId, uint32_t type, uint32_t sev
   va_start(args, line);
   const int result =
       look.gate == nt::Gate::kStore
-          ? nt::addTraceEntryStored(look.descriptor, traceSetId, type, severity, category, file, line, args)
-          : nt::addTraceEntryUndecided(traceSetId, type, severity, category, file, line, args);
+          ? nt::addTraceEntryPastTheGate<true>(look.descriptor, traceSetId, type, severity, category, file, line, args)
+          : nt::addTraceEntryPastTheGate<false>(nullptr, traceSetId, type, severity, category, file, line, args);
   va_end(args);
   return result;
 }
@@ -437,8 +418,8 @@ NODETRACE_API int tracePrintf(uint16_t traceSetId, uint32_t severity, uint32_t c
   va_start(args, format);
   const int result =
       look.gate == nt::Gate::kStore
-          ? nt::tracePrintfStored(look.descriptor, traceSetId, severity, category, file, line, format, args)
-          : nt::tracePrintfUndecided(traceSetId, severity, category, file, line, format, args);
+          ? nt::tracePrintfPastTheGate<true>(look.descriptor, traceSetId, severity, category, file, line, format, args)
+          : nt::tracePrintfPastTheGate<false>(nullptr, traceSetId, severity, category, file, line, format, args);
   va_end(args);
   return result;
 }

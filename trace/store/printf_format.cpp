@@ -562,10 +562,10 @@ int formatText(char* dst, std::size_t size, const char* format, va_list args) no
   return static_cast<int>(length);
 }
 
+namespace {
 // The whole buffer zeroed with 16-byte stores: a handful of instructions,
 // where the compiler's own choice for this size (a repeated string store)
 // pays a start-up cost on every entry.
-namespace {
 void clearEntryText(EntryTextBuffer& buffer) noexcept {
   using Block = unsigned char __attribute__((vector_size(kBlock)));
   static_assert(sizeof buffer.text % kBlock == 0);
